@@ -91,6 +91,9 @@ public:
     /// Keeps `thunk` unless one that is held covers its address; a kept thunk's scope becomes this one.
     void addThunk(IThunk* thunk);
     void thunkAt(unsigned long long address, SymMgrObjectPtr<IThunk>& out);
+
+private:
+    IFileFormatLoader* m_loader; ///< borrowed
 };
 
 /// The region of one symbol, which it owns.
