@@ -1,0 +1,282 @@
+#!/usr/bin/env bash
+# Everything that a change has to pass, on a machine that may have nothing but git and bash. Each configuration
+# is here for what only it can find, and no two builds are made where one can do both jobs:
+#   debug        gcc, everything that can be built, all tests: the reference
+#   asan         gcc, address and undefined-behaviour sanitizers, all tests
+#   tsan         clang, thread sanitizer: the second compiler's warnings and the data races in one build
+#   release      through the quick start, as a new user meets it
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+usage() {
+    cat <<'TEXT'
+Usage: scripts/test.sh [--quick] [--tidy] [--help]
+
+Installs what is missing (with apt-get, as root or through sudo), builds in several configurations and passes all
+tests. The last lines are ctest's own on the debug build.
+
+  --quick   code format and the debug build with its tests, nothing else
+  --tidy    clang-tidy over all sources, not only over those that changed
+  --help    this text
+
+Build directories: build-debug/, build-asan/, build-tsan/, build/; inputs of the tests: build-inputs/.
+Variables: ORN_TEST_INPUTS (a directory of inputs to use instead), ORN_TIDY_BASE (a commit: what changed since is
+checked by clang-tidy).
+TEXT
+}
+
+readonly testNeeds=(
+    "${buildNeeds[@]}"
+    libgtest-dev=/usr/include/gtest/gtest.h
+    libgmock-dev=/usr/include/gmock/gmock.h
+    libbenchmark-dev=/usr/include/benchmark/benchmark.h
+    binutils=readelf
+    clang-format=clang-format
+)
+
+# llvm brings llvm-symbolizer, by which a sanitizer report gets its names.
+readonly fullNeeds=(
+    clang=clang++
+    clang-tidy=clang-tidy
+    llvm=llvm-symbolizer
+    libclang-rt-14-dev
+    elfutils=eu-addr2line
+)
+
+# Libraries of other machines, as data for the tests; tests that want one say so and skip without it.
+readonly inputPackages=(libc6-i386-cross libc6-armhf-cross libc6-arm64-cross)
+
+quick=no
+tidyEverything=no
+runner=()
+
+readArguments() {
+    local argument
+    for argument in "$@"; do
+        case $argument in
+        --quick) quick=yes ;;
+        --tidy) tidyEverything=yes ;;
+        -h | --help)
+            usage
+            exit 0
+            ;;
+        *)
+            usage >&2
+            exit 2
+            ;;
+        esac
+    done
+}
+
+installNeeds() {
+    if [[ $quick == yes ]]; then
+        needPackages "${testNeeds[@]}"
+    else
+        needPackages "${testNeeds[@]}" "${fullNeeds[@]}"
+    fi
+}
+
+# Neither of these inputs may be what a test run fails on: a machine without a network still has its own files.
+gatherInputs() {
+    local missing
+    mapfile -t missing < <(missingPackages "${inputPackages[@]}")
+    if ((${#missing[@]} > 0)); then
+        { canInstall && aptInstall "${missing[@]}"; } || printf 'could not install %s\n' "${missing[*]}"
+    fi
+    [[ -d $ORN_TEST_INPUTS/kernel ]] || "$root/scripts/test-inputs.sh" "$ORN_TEST_INPUTS" ||
+        printf 'could not fetch the kernel modules\n'
+}
+
+noteMissingInputs() {
+    local missing
+    mapfile -t missing < <(missingPackages "${inputPackages[@]}")
+    ((${#missing[@]} == 0)) || note "tests on libraries of other machines are skipped: no ${missing[*]}"
+    [[ -d $ORN_TEST_INPUTS/kernel ]] || note "tests on kernel modules are skipped: no $ORN_TEST_INPUTS/kernel"
+}
+
+ownSources() {
+    local directories=() directory
+    for directory in include src tests tools bench fuzz examples; do
+        [[ ! -d $root/$directory ]] || directories+=("$root/$directory")
+    done
+    find "${directories[@]}" -type f \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print0 | sort -z
+}
+
+checkFormat() {
+    ownSources | xargs -0 -r clang-format --dry-run -Werror
+}
+
+# A client includes any one public header first and compiles as C++17, whatever the library itself is built with.
+checkPublicHeaders() {
+    local compiler=$1
+    find "$root/include/orn" -name '*.h' -print0 | sort -z |
+        xargs -0 -r -I '{}' -P "$(nproc)" "$compiler" -x c++ -std=c++17 -Wall -Wextra -Werror \
+            -fsyntax-only -I "$root/include" -include '{}' /dev/null
+}
+
+# runTests BUILD-DIRECTORY [CTEST-ARGUMENT...]
+runTests() {
+    local directory=$root/$1
+    shift
+    "${runner[@]+"${runner[@]}"}" ctest --test-dir "$directory" --output-on-failure -j2 --no-tests=error \
+        --timeout 600 "$@" | tee "$directory/ctest.out"
+}
+
+closingLines() {
+    grep -E 'tests passed|Total Test time' "$root/$1/ctest.out"
+}
+
+# A build may run what it has just linked (the tests are listed by their own programs), so it too runs as the
+# sanitizers need it.
+runBuild() {
+    "${runner[@]+"${runner[@]}"}" cmake --build "$root/$1"
+}
+
+debugBuild() {
+    configure debug build-debug -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+    runBuild build-debug
+}
+
+asanBuild() {
+    configure asan build-asan -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DORN_BUILD_BENCH=OFF
+    runBuild build-asan
+}
+
+# clangBuild PRESET BUILD-DIRECTORY
+clangBuild() {
+    CC=clang CXX=clang++ configure "$1" "$2" -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DORN_BUILD_BENCH=OFF \
+        -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
+    runBuild "$2"
+}
+
+# Kernels that spread mappings over more bits than the sanitizers' fixed shadows leave free kill these programs
+# at random at their start; without randomisation they always fit. Where a container forbids to switch it off,
+# it has to go as it is.
+chooseRunner() {
+    if setarch "$(uname -m)" -R true 2>/dev/null; then
+        runner=(setarch "$(uname -m)" -R)
+    fi
+}
+
+# sanitizerWorks COMPILER SANITIZERS: several runs, since the failure above is a matter of chance.
+sanitizerWorks() {
+    local work code=0
+    work=$(mktemp -d)
+    printf 'int main() { return 0; }\n' >"$work/probe.cpp"
+    "$1" "-fsanitize=$2" -o "$work/probe" "$work/probe.cpp" || code=1
+    for _ in 1 2 3 4 5; do
+        ((code == 0)) || break
+        "${runner[@]+"${runner[@]}"}" "$work/probe" >/dev/null 2>&1 || code=1
+    done
+    rm -rf "$work"
+    return "$code"
+}
+
+# The leak check stops the process to look at it, which some containers forbid; the rest of the sanitizer is
+# worth having without it.
+chooseSanitizerOptions() {
+    export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:check_initialization_order=1}
+    export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+    export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+    sanitizerWorks g++ address,undefined && return 0
+    ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0
+    sanitizerWorks g++ address,undefined || fail "programs under the address sanitizer do not run on this machine"
+    note "leaks are not looked for: the leak check cannot run on this machine"
+}
+
+# The sources of the library and of the tools that changed since ORN_TIDY_BASE: by default since the branch left
+# origin/main, and on main itself in its last commit. Files not committed yet count.
+changedSources() {
+    local base=${ORN_TIDY_BASE:-}
+    if [[ -z $base ]]; then
+        base=$(git -C "$root" merge-base HEAD origin/main 2>/dev/null || true)
+        if [[ -z $base || $base == "$(git -C "$root" rev-parse HEAD)" ]]; then
+            base=HEAD~1
+        fi
+    fi
+    {
+        git -C "$root" diff --name-only --diff-filter=d "$base" -- src tools
+        git -C "$root" ls-files --others --exclude-standard -- src tools
+    } | grep '\.cpp$' || true
+}
+
+# Over everything this takes longer than the tests, so a plain run looks at what changed. A change this large
+# is a merge of work that was looked at on its own branch.
+readonly tidyLimit=24
+
+# checkTidy BUILD-DIRECTORY: of the clang build, whose command lines clang-tidy understands.
+checkTidy() {
+    local files
+    if [[ $tidyEverything == yes ]]; then
+        mapfile -t files < <(cd "$root" && find src tools -name '*.cpp' | sort)
+    else
+        mapfile -t files < <(changedSources)
+    fi
+    if ((${#files[@]} == 0)); then
+        printf 'no source changed\n'
+        return 0
+    fi
+    if [[ $tidyEverything == no ]] && ((${#files[@]} > tidyLimit)); then
+        printf '%d sources changed, more than %d: left to scripts/test.sh --tidy\n' "${#files[@]}" "$tidyLimit"
+        return 0
+    fi
+    printf '%d sources\n' "${#files[@]}"
+    (cd "$root" && printf '%s\0' "${files[@]}" |
+        xargs -0 -n 1 -P "$(nproc)" clang-tidy --quiet -p "$root/$1")
+}
+
+fullRun() {
+    step "Check the public headers alone (clang, C++17)" checkPublicHeaders clang++
+    chooseSanitizerOptions
+    step "Build with address and undefined-behaviour sanitizers (gcc)" asanBuild
+    step "Test with address and undefined-behaviour sanitizers" runTests build-asan
+    configurations+=(build-asan)
+    local clangDirectory=build-tsan
+    if sanitizerWorks clang++ thread; then
+        step "Build with the thread sanitizer (clang)" clangBuild tsan build-tsan
+        step "Test with the thread sanitizer" runTests build-tsan -LE slow
+    else
+        clangDirectory=build-clang
+        note "data races are not looked for: programs under the thread sanitizer do not run on this machine"
+        step "Build with clang" clangBuild debug build-clang
+        step "Test the clang build" runTests build-clang -LE slow
+    fi
+    configurations+=("$clangDirectory")
+    step "Run clang-tidy" checkTidy "$clangDirectory"
+    step "Quick start (release)" "$root/scripts/quickstart.sh"
+    step "Quick start on an installed program" "$root/scripts/quickstart.sh" /bin/ls
+}
+
+printClosing() {
+    local directory
+    printf '\nAll passed after %s.\n' "$(secondsSince "$1")"
+    printNotes
+    for directory in "${configurations[@]:1}"; do
+        printf '\n%s:\n' "$directory"
+        closingLines "$directory"
+    done
+    printf '\n%s:\n' "${configurations[0]}"
+    closingLines "${configurations[0]}"
+}
+
+main() {
+    readArguments "$@"
+    local began configurations=(build-debug)
+    began=$(microseconds)
+    export ORN_TEST_INPUTS=${ORN_TEST_INPUTS:-$root/build-inputs}
+    step "Install what is missing" installNeeds
+    step "Gather inputs for the tests" gatherInputs
+    noteMissingInputs
+    chooseBuildTools
+    chooseRunner
+    step "Check the code format" checkFormat
+    step "Check the public headers alone (gcc, C++17)" checkPublicHeaders g++
+    step "Build debug (gcc)" debugBuild
+    step "Test the debug build" runTests build-debug
+    if [[ $quick == no ]]; then
+        fullRun
+    fi
+    printClosing "$began"
+}
+
+main "$@"
