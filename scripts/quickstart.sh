@@ -2,6 +2,7 @@
 # From a fresh clone to resolved symbols: installs what is missing, builds Release into build/, and resolves
 # addresses of a small example module or of the module named on the command line.
 set -euo pipefail
+# shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 usage() {

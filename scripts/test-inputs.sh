@@ -5,6 +5,7 @@
 #
 # Usage: scripts/test-inputs.sh DIRECTORY    (leaves DIRECTORY/kernel/*.ko; does nothing when they are there)
 set -euo pipefail
+# shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 # From 8 KB to half a megabyte: a library without a device, drivers, file systems.

@@ -6,22 +6,21 @@
 #   tsan         clang, thread sanitizer: the second compiler's warnings and the data races in one build
 #   release      through the quick start, as a new user meets it
 set -euo pipefail
+# shellcheck source-path=SCRIPTDIR source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/test.sh [--quick] [--tidy] [--help]
+Usage: scripts/test.sh [--quick] [--help]
 
 Installs what is missing (with apt-get, as root or through sudo), builds in several configurations and passes all
 tests. The last lines are ctest's own on the debug build.
 
   --quick   code format and the debug build with its tests, nothing else
-  --tidy    clang-tidy over all sources, not only over those that changed
   --help    this text
 
 Build directories: build-debug/, build-asan/, build-tsan/, build/; inputs of the tests: build-inputs/.
-Variables: ORN_TEST_INPUTS (a directory of inputs to use instead), ORN_TIDY_BASE (a commit: what changed since is
-checked by clang-tidy).
+ORN_TEST_INPUTS names another directory of inputs.
 TEXT
 }
 
@@ -47,7 +46,6 @@ readonly fullNeeds=(
 readonly inputPackages=(libc6-i386-cross libc6-armhf-cross libc6-arm64-cross)
 
 quick=no
-tidyEverything=no
 runner=()
 
 readArguments() {
@@ -55,7 +53,6 @@ readArguments() {
     for argument in "$@"; do
         case $argument in
         --quick) quick=yes ;;
-        --tidy) tidyEverything=yes ;;
         -h | --help)
             usage
             exit 0
@@ -184,45 +181,11 @@ chooseSanitizerOptions() {
     note "leaks are not looked for: the leak check cannot run on this machine"
 }
 
-# The sources of the library and of the tools that changed since ORN_TIDY_BASE: by default since the branch left
-# origin/main, and on main itself in its last commit. Files not committed yet count.
-changedSources() {
-    local base=${ORN_TIDY_BASE:-}
-    if [[ -z $base ]]; then
-        base=$(git -C "$root" merge-base HEAD origin/main 2>/dev/null || true)
-        if [[ -z $base || $base == "$(git -C "$root" rev-parse HEAD)" ]]; then
-            base=HEAD~1
-        fi
-    fi
-    {
-        git -C "$root" diff --name-only --diff-filter=d "$base" -- src tools
-        git -C "$root" ls-files --others --exclude-standard -- src tools
-    } | grep '\.cpp$' || true
-}
-
-# Over everything this takes longer than the tests, so a plain run looks at what changed. A change this large
-# is a merge of work that was looked at on its own branch.
-readonly tidyLimit=24
-
-# checkTidy BUILD-DIRECTORY: of the clang build, whose command lines clang-tidy understands.
+# checkTidy BUILD-DIRECTORY: of the clang build, whose command lines clang-tidy understands. The tests are left
+# out: what the macros of a test framework unfold to would need a rule book of its own.
 checkTidy() {
-    local files
-    if [[ $tidyEverything == yes ]]; then
-        mapfile -t files < <(cd "$root" && find src tools -name '*.cpp' | sort)
-    else
-        mapfile -t files < <(changedSources)
-    fi
-    if ((${#files[@]} == 0)); then
-        printf 'no source changed\n'
-        return 0
-    fi
-    if [[ $tidyEverything == no ]] && ((${#files[@]} > tidyLimit)); then
-        printf '%d sources changed, more than %d: left to scripts/test.sh --tidy\n' "${#files[@]}" "$tidyLimit"
-        return 0
-    fi
-    printf '%d sources\n' "${#files[@]}"
-    (cd "$root" && printf '%s\0' "${files[@]}" |
-        xargs -0 -n 1 -P "$(nproc)" clang-tidy --quiet -p "$root/$1")
+    (cd "$root" && find src tools -name '*.cpp' -print0 | sort -z |
+        xargs -0 -r -n 1 -P "$(nproc)" clang-tidy --quiet -p "$root/$1")
 }
 
 fullRun() {

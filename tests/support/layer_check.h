@@ -1,4 +1,6 @@
-#pragma once
+// Whether the headers of the library keep to their floors.
+#ifndef ORN_TESTS_LAYER_CHECK_H
+#define ORN_TESTS_LAYER_CHECK_H
 
 #include <filesystem>
 #include <map>
@@ -63,3 +65,5 @@ private:
 };
 
 } // namespace layers
+
+#endif
