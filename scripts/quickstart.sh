@@ -19,8 +19,21 @@ TEXT
 
 readonly orn=$root/build/bin/orn
 
+# ON or OFF, by whether a need is met.
+onIf() {
+    if needIsMet "$1"; then
+        printf ON
+    else
+        printf OFF
+    fi
+}
+
+# Tests and benchmarks belong to this build directory where their libraries are there, but nobody has to install
+# them to see symbols.
 buildRelease() {
-    configure release build
+    configure release build \
+        -DORN_BUILD_TESTS="$(onIf libgmock-dev=/usr/include/gmock/gmock.h)" \
+        -DORN_BUILD_BENCH="$(onIf libbenchmark-dev=/usr/include/benchmark/benchmark.h)"
     build build orn
 }
 
