@@ -155,9 +155,7 @@ configure() {
     (cd "$root" && cmake --preset "$preset" -B "$directory" "$@")
 }
 
-# build BUILD-DIRECTORY [TARGET...]: everything when no target is named.
+# build BUILD-DIRECTORY
 build() {
-    local directory=$1
-    shift
-    cmake --build "$root/$directory" ${1:+--target "$@"}
+    cmake --build "$root/$1"
 }

@@ -19,22 +19,15 @@ TEXT
 
 readonly orn=$root/build/bin/orn
 
-# ON or OFF, by whether a need is met.
-onIf() {
-    if needIsMet "$1"; then
-        printf ON
-    else
-        printf OFF
-    fi
-}
-
-# Tests and benchmarks belong to this build directory where their libraries are there, but nobody has to install
-# them to see symbols.
+# A fresh build directory gets the library and the command line alone: nobody has to install the libraries of tests
+# and benchmarks, or wait for them, to see symbols. A directory that somebody configured keeps its settings.
 buildRelease() {
-    configure release build \
-        -DORN_BUILD_TESTS="$(onIf libgmock-dev=/usr/include/gmock/gmock.h)" \
-        -DORN_BUILD_BENCH="$(onIf libbenchmark-dev=/usr/include/benchmark/benchmark.h)"
-    build build orn
+    if [[ -e $root/build/CMakeCache.txt ]]; then
+        configure release build
+    else
+        configure release build -DORN_BUILD_TESTS=OFF -DORN_BUILD_BENCH=OFF
+    fi
+    build build
 }
 
 # Shows the command as a person would type it, then runs it.

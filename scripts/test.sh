@@ -130,19 +130,18 @@ runBuild() {
 }
 
 debugBuild() {
-    configure debug build-debug -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
+    configure debug build-debug -DORN_WERROR=ON -DORN_BUILD_BENCH=ON
     runBuild build-debug
 }
 
 asanBuild() {
-    configure asan build-asan -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DORN_BUILD_BENCH=OFF
+    configure asan build-asan -DORN_WERROR=ON -DORN_BUILD_BENCH=OFF
     runBuild build-asan
 }
 
 # clangBuild PRESET BUILD-DIRECTORY
 clangBuild() {
-    CC=clang CXX=clang++ configure "$1" "$2" -DCMAKE_COMPILE_WARNING_AS_ERROR=ON -DORN_BUILD_BENCH=OFF \
-        -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
+    CC=clang CXX=clang++ configure "$1" "$2" -DORN_WERROR=ON -DORN_BUILD_BENCH=OFF
     runBuild "$2"
 }
 
