@@ -97,7 +97,7 @@ ownSources() {
     for directory in include src tests tools bench fuzz examples; do
         [[ ! -d $root/$directory ]] || directories+=("$root/$directory")
     done
-    find "${directories[@]}" -type f \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print0 | sort -z
+    find "${directories[@]}" -type f \( -name '*.h' -o -name '*.cpp' -o -name '*.cc' -o -name '*.c' \) -print0 | sort -z
 }
 
 checkFormat() {
