@@ -30,7 +30,8 @@ Scope::Scope(IFileFormatLoader* loader, Scope* parent, ILock* lock)
       m_loader(loader),
       m_loadedKinds(symbol_kind_none),
       m_firstNodeTaken(false),
-      m_ownedByTable(false) {}
+      m_ownedByTable(false),
+      m_toldByName(false) {}
 
 Scope::~Scope() {
     releaseContent();
@@ -317,13 +318,14 @@ status_t SymbolScope::loadContent(symbol_kind_t) {
 namespace {
 
 /// A scope and its symbol in one piece of memory. Modules have as many of them as names.
-class PlainSymbolScope : public SymbolScope {
+class PlainSymbolScope final : public SymbolScope {
 public:
     PlainSymbolScope(IFileFormatLoader* loader, const char* name, unsigned long long value, Scope* parent,
                      symbol_visibility_t visibility, symbol_kind_t kind)
         : SymbolScope(loader, parent, nullptr),
           m_embeddedSymbol(loader, name, value, this, visibility, kind, ~0ULL) {
         setSymbol(&m_embeddedSymbol);
+        setToldByName();
     }
     /// The reference goes before the symbol that it points at.
     ~PlainSymbolScope() override { setSymbol(nullptr); }

@@ -116,8 +116,11 @@ public:
     /// A table has taken the scope for good; a scope enters one table once.
     bool isOwnedByTable() const { return m_ownedByTable; }
     void setOwnedByTable() { m_ownedByTable = true; }
+    /// compare() of this scope gives nothing for a scope of another raw name.
+    bool isToldByName() const { return m_toldByName; }
 
 protected:
+    void setToldByName() { m_toldByName = true; }
     /// Leaves the head alone in the list, ending at `high`.
     void collapseRanges(unsigned long long high);
     symbol_kind_t loadedKinds() const { return m_loadedKinds; }
@@ -152,6 +155,7 @@ private:
     symbol_kind_t m_loadedKinds;
     bool m_firstNodeTaken;
     bool m_ownedByTable;
+    bool m_toldByName;
 };
 
 /// The region of one symbol, which it owns.

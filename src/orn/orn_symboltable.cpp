@@ -8,44 +8,48 @@
 #include "orn_symbolrange.h"
 #include "orn_symboltable_iterators.h"
 
+#include <algorithm>
+#include <functional>
 #include <new>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace ORN_3_30 {
 
 namespace {
 
-/// Overlaps cost a node per entry and cell, so a forged file could ask for the square of its symbols. Nodes
-/// are therefore limited by a number that no honest module comes near: an entry would have to lie inside 64
-/// others on average. Beyond it the table is out of memory.
-constexpr unsigned long long nodesAlwaysAllowed = 16ULL << 20;
-constexpr unsigned long long nodesAllowedPerEntry = 64;
+/// Overlaps cost a listing per entry and cell, so a forged file could ask for the square of its symbols.
+/// Listings are therefore limited by a number that no honest module comes near: an entry would have to lie
+/// inside 64 others on average. Beyond it the table is out of memory.
+constexpr unsigned long long listingsAlwaysAllowed = 16ULL << 20;
+constexpr unsigned long long listingsAllowedPerEntry = 64;
 
-/// Puts a node in its place in a cell's list. `from` is null, or a node of the list that it is known to come
-/// behind; what is returned is such a node for further nodes whose ends are not above this one's.
-CellNode* insertNode(Cell& cell, CellNode* node, CellNode* from = nullptr) {
-    unsigned long long end = node->entry->end;
-    if (!cell.head || end > cell.head->entry->end) {
-        node->next = cell.head;
-        cell.head = node;
-        return node;
-    }
-    // Quirk: the head is passed whatever its end, the others only if their ends are greater.
-    CellNode* previous = from ? from : cell.head;
-    while (previous->next && previous->next->entry->end > end)
-        previous = previous->next;
-    node->next = previous->next;
-    previous->next = node;
-    return previous;
+/// From `place` on, behind every entry that ends above `end`. Quirk: the head is passed whatever its end, the
+/// others only if their ends are greater.
+std::size_t placeBehind(const CellList& list, std::size_t place, unsigned long long end) {
+    place = std::max<std::size_t>(place, 1);
+    while (place < list.size() && list[place]->end > end)
+        ++place;
+    return place;
 }
 
-bool unlinkNode(Cell& cell, const CellNode* node) {
-    for (CellNode** link = &cell.head; *link; link = &(*link)->next) {
-        if (*link == node) {
-            *link = node->next;
-            return true;
-        }
-    }
-    return false;
+/// Lists longer than this are searched with the help of name hashes.
+constexpr std::size_t crowdedList = 16;
+
+/// Never 0; 0 for a scope without a name.
+std::uint32_t hashOfName(Scope& scope) {
+    ISymbol* symbol = scope.symbol();
+    if (!symbol)
+        return 0;
+    return static_cast<std::uint32_t>(std::hash<std::string_view>()(symbol->rawName())) | 1;
+}
+
+/// Whether the entry's scope is told by its name and has another one than the hash says.
+bool hasOtherName(CellEntry& entry, std::uint32_t nameHash) {
+    if (entry.nameHash == 0 && entry.scope->isToldByName())
+        entry.nameHash = hashOfName(*entry.scope);
+    return entry.nameHash != 0 && entry.nameHash != nameHash;
 }
 
 /// Whether a candidate takes an address from the best one so far; both cover it.
@@ -78,7 +82,12 @@ ISymbolTable* ISymbolTable::create(Scope* scope) {
 }
 
 SymbolTable::SymbolTable(Scope* scope, ILock* lock)
-    : SymMgrObject<ISymbolTable>(lock), m_scope(scope), m_entryCount(0), m_nodeCount(0), m_changeStamp(0) {}
+    : SymMgrObject<ISymbolTable>(lock),
+      m_scope(scope),
+      m_entryCount(0),
+      m_furtherListings(0),
+      m_isOrdered(true),
+      m_changeStamp(0) {}
 
 SymbolTable::~SymbolTable() {
     for (Scope* scope : m_scopes)
@@ -122,14 +131,14 @@ int SymbolTable::addScopeRange(unsigned long long low, unsigned long long high, 
         markSectionEnd(low);
         return 0;
     }
-    return takeScope(scope, [&] { return addEntry(low, high, scope)->entry->scope == scope; });
+    return takeScope(scope, [&] { return addEntry(low, high, scope)->scope == scope; });
 }
 
 /// `survivor` is the scope that the ranges now belong to: this one if any range was entered for it, else the
 /// one that absorbed the last range.
 void SymbolTable::addScopeRanges(Scope* scope, bool& added, Scope*& survivor) {
     auto addRange = [&](unsigned long long low, unsigned long long high) {
-        Scope* holder = addEntry(low, high, scope)->entry->scope;
+        Scope* holder = addEntry(low, high, scope)->scope;
         added = added || holder == scope;
         if (survivor != scope)
             survivor = holder;
@@ -156,7 +165,7 @@ void SymbolTable::addScopeThunks(Scope* scope, bool& added, Scope* target) {
 
 void SymbolTable::addThunkEntry(Scope* scope, IThunk* held, bool& added, Scope* target) {
     auto* thunk = static_cast<Thunk*>(held);
-    Scope* holder = addEntry(thunk->address(), thunk->end(), target)->entry->scope;
+    Scope* holder = addEntry(thunk->address(), thunk->end(), target)->scope;
     added = added || holder == scope;
     if (target != scope && holder == target) {
         target->addThunk(thunk);
@@ -166,13 +175,13 @@ void SymbolTable::addThunkEntry(Scope* scope, IThunk* held, bool& added, Scope* 
     }
 }
 
-/// Enters [start, end) of a scope and gives the node that stands for it: a new one, or that of an entry which
-/// turned out to be the same thing.
-CellNode* SymbolTable::addEntry(unsigned long long start, unsigned long long end, Scope* scope) {
+/// Enters [start, end) of a scope and gives the entry that stands for it: a new one, or one which turned out
+/// to be the same thing.
+CellEntry* SymbolTable::addEntry(unsigned long long start, unsigned long long end, Scope* scope) {
     Position cell = m_cells.lowerBound(start);
     bool isNewKey = cell == m_cells.end() || m_cells.at(cell).key != start;
     if (!isNewKey) {
-        if (CellNode* settled = settleWithExisting(cell, end, scope))
+        if (CellEntry* settled = settleWithExisting(cell, end, scope))
             return settled;
     }
     CellEntry* entry = newEntry(start, end, scope);
@@ -180,27 +189,28 @@ CellNode* SymbolTable::addEntry(unsigned long long start, unsigned long long end
     if (isNewKey)
         cell = addCell(cell, start, entry);
     else
-        insertNode(m_cells.at(cell), &entry->ownerNode);
+        list(m_cells.at(cell), entry);
     extend(cell, entry, start);
-    return &entry->ownerNode;
+    return entry;
 }
 
-/// Asks the entries that start where the newcomer starts. Null: none of them is the same thing.
-CellNode* SymbolTable::settleWithExisting(Position cell, unsigned long long end, Scope* scope) {
-    unsigned long long key = m_cells.at(cell).key;
+/// Asks the entries that start where the newcomer starts. Null: none of them is the same thing. Some modules
+/// have thousands of names for one address: then hashes spare the comparisons that would give nothing.
+CellEntry* SymbolTable::settleWithExisting(Position cell, unsigned long long end, Scope* scope) {
+    const Cell& holder = m_cells.at(cell);
     unsigned long long nextKey = 0;
     Scope* nextScope = nullptr;
     bool isNeighbourKnown = false;
-    for (CellNode* node = m_cells.at(cell).head; node; node = node->next) {
-        CellEntry* entry = node->entry;
-        if (entry->start != key)
+    std::uint32_t nameHash = holder.list.size() > crowdedList ? hashOfName(*scope) : 0;
+    for (CellEntry* entry : holder.list) {
+        if (entry->start != holder.key || (nameHash != 0 && hasOtherName(*entry, nameHash)))
             continue;
         if (!isNeighbourKnown)
             findNeighbour(cell, nextKey, nextScope);
         isNeighbourKnown = true;
         unsigned bits = entry->scope->compare(scope, nextKey, nextScope);
         if (bits == scopeMatch_Same)
-            return node;
+            return entry;
         if (bits != scopeMatch_None)
             return mergeInto(entry, end, scope, bits);
     }
@@ -215,20 +225,22 @@ void SymbolTable::findNeighbour(Position cell, unsigned long long& nextKey, Scop
     if (next == m_cells.end())
         return;
     nextKey = m_cells.at(next).key;
-    for (const CellNode* node = m_cells.at(next).head; node; node = node->next) {
-        if (node->entry->start == nextKey)
-            nextScope = node->entry->scope;
+    for (const CellEntry* entry : m_cells.at(next).list) {
+        if (entry->start == nextKey)
+            nextScope = entry->scope;
     }
 }
 
 /// Lets an entry take the newcomer over, as the bits of compare() say.
-CellNode* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits) {
+CellEntry* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits) {
     ++m_changeStamp;
     unsigned long long knownUpTo = entry->start;
     if (bits & scopeMatch_Grow) {
         if (!entry->isEmpty())
             removeFromFollowingCells(entry->start, entry->end, ValueComparer(entry));
     } else if (bits & scopeMatch_Fold) {
+        // The cells that list the entry already keep it where it is, whatever its new end.
+        m_isOrdered = m_isOrdered && entry->end == end;
         knownUpTo = entry->end;
         removeFurtherRanges(entry->scope);
     }
@@ -237,35 +249,45 @@ CellNode* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scope
         entry->end = end;
         putBack(entry, knownUpTo);
     }
-    return &entry->ownerNode;
+    return entry;
 }
 
 // --- Cells and their lists
 
 CellEntry* SymbolTable::newEntry(unsigned long long start, unsigned long long end, Scope* scope) {
     CellEntry* entry = m_entryPool.allocate();
-    *entry = {{entry, nullptr}, start, end, scope};
+    *entry = {start, end, scope, 0};
     ++m_entryCount;
     return entry;
 }
 
-CellNode* SymbolTable::newNode(CellEntry* entry) {
-    if (m_nodeCount >= nodesAlwaysAllowed + nodesAllowedPerEntry * m_entryCount)
+/// Where an entry with this end goes in a list.
+std::size_t SymbolTable::placeIn(const CellList& list, unsigned long long end) const {
+    if (list.isEmpty() || end > list[0]->end)
+        return 0;
+    if (!m_isOrdered)
+        return placeBehind(list, 1, end);
+    CellEntry* const* others = list.begin() + 1;
+    return 1 + partitionPoint(list.size() - 1, [=](std::size_t index) { return others[index]->end > end; });
+}
+
+void SymbolTable::list(Cell& cell, CellEntry* entry) {
+    cell.list.insert(m_listStore, placeIn(cell.list, entry->end), entry);
+}
+
+void SymbolTable::listInFurtherCell(Cell& cell, std::size_t place, CellEntry* entry) {
+    if (m_furtherListings >= listingsAlwaysAllowed + listingsAllowedPerEntry * m_entryCount)
         throw std::bad_alloc();
-    CellNode* node = m_nodePool.allocate();
-    *node = {entry, nullptr};
-    ++m_nodeCount;
-    return node;
+    cell.list.insert(m_listStore, place, entry);
+    ++m_furtherListings;
 }
 
 /// A cell for a new key, with what reaches into it from the cell before. A null `entry` makes a cell without
 /// an entry of its own.
 SymbolTable::Position SymbolTable::addCell(Position before, unsigned long long key, CellEntry* entry) {
     Position cell = m_cells.insert(before, key);
-    if (entry) {
-        entry->ownerNode.next = nullptr;
-        m_cells.at(cell).head = &entry->ownerNode;
-    }
+    if (entry)
+        list(m_cells.at(cell), entry);
     if (cell != m_cells.begin())
         copyReachingEntries(m_cells.previous(cell), cell);
     return cell;
@@ -275,13 +297,21 @@ SymbolTable::Position SymbolTable::addCell(Position before, unsigned long long k
 /// nothing that is listed behind it either.
 void SymbolTable::copyReachingEntries(Position from, Position to) {
     Cell& target = m_cells.at(to);
-    CellNode* place = nullptr;
+    const CellList& source = m_cells.at(from).list;
+    auto reachingEnd = std::find_if(source.begin(), source.end(),
+                                    [&](const CellEntry* entry) { return entry->end <= target.key; });
+    if (reachingEnd == source.begin())
+        return;
+    target.list.reserve(m_listStore,
+                        target.list.size() + static_cast<std::size_t>(reachingEnd - source.begin()));
+    std::size_t place = 0;
     unsigned long long lastEnd = 0;
-    for (CellNode* node = m_cells.at(from).head; node && node->entry->end > target.key; node = node->next) {
-        // Ends descend, so each copy goes behind the one before it: the copying is linear.
-        bool isBehindLast = place && node->entry->end <= lastEnd;
-        lastEnd = node->entry->end;
-        place = insertNode(target, newNode(node->entry), isBehindLast ? place : nullptr);
+    for (auto entry = source.begin(); entry != reachingEnd; ++entry) {
+        // Ends descend, so an entry goes where the last one went or behind it: the copying is linear.
+        bool isBehindLast = entry != source.begin() && (*entry)->end <= lastEnd;
+        lastEnd = (*entry)->end;
+        place = isBehindLast ? placeBehind(target.list, place, lastEnd) : placeIn(target.list, lastEnd);
+        listInFurtherCell(target, place, *entry);
     }
 }
 
@@ -299,7 +329,7 @@ void SymbolTable::extend(Position cell, CellEntry* entry, unsigned long long fro
     for (cell = m_cells.next(cell); cell != m_cells.end() && m_cells.at(cell).key < entry->end;
          cell = m_cells.next(cell)) {
         if (m_cells.at(cell).key >= fromKey)
-            insertNode(m_cells.at(cell), newNode(entry));
+            listInFurtherCell(m_cells.at(cell), placeIn(m_cells.at(cell).list, entry->end), entry);
     }
 }
 
@@ -310,8 +340,11 @@ void SymbolTable::putBack(CellEntry* entry, unsigned long long fromKey) {
     if (cell == m_cells.end() || m_cells.at(cell).key != entry->start) {
         cell = addCell(cell, entry->start, entry);
     } else {
-        unlinkNode(m_cells.at(cell), &entry->ownerNode);
-        insertNode(m_cells.at(cell), &entry->ownerNode);
+        CellList& holder = m_cells.at(cell).list;
+        auto found = std::find(holder.begin(), holder.end(), entry);
+        if (found != holder.end())
+            holder.erase(m_listStore, static_cast<std::size_t>(found - holder.begin()));
+        list(m_cells.at(cell), entry);
     }
     extend(cell, entry, fromKey);
 }
@@ -336,25 +369,18 @@ void SymbolTable::removeFurtherRanges(Scope* scope) {
     }
 }
 
-/// Takes the first matching node out; a cell that is empty then goes too. Gives the following cell.
-///
-/// An entry whose owner goes keeps its memory until the table dies: nodes of it may be left in other cells,
-/// where a scope's ranges and its entries disagree. This happens only where scopes are folded.
+/// Takes the first matching entry out; a cell that is empty then goes too. Gives the following cell.
 SymbolTable::Position SymbolTable::removeMatching(Position cell,
                                                   const ISymbolTableListItemComparer& comparer) {
     Cell& holder = m_cells.at(cell);
-    for (CellNode** link = &holder.head; *link; link = &(*link)->next) {
-        CellNode* node = *link;
-        if (!comparer.matches(*node))
-            continue;
-        *link = node->next;
-        if (node != &node->entry->ownerNode) {
-            m_nodePool.free(node);
-            --m_nodeCount;
-        }
-        break;
+    auto found = std::find_if(holder.list.begin(), holder.list.end(),
+                              [&](const CellEntry* entry) { return comparer.matches(*entry); });
+    if (found != holder.list.end()) {
+        if ((*found)->start != holder.key)
+            --m_furtherListings;
+        holder.list.erase(m_listStore, static_cast<std::size_t>(found - holder.list.begin()));
     }
-    return holder.head ? m_cells.next(cell) : m_cells.erase(cell);
+    return holder.list.isEmpty() ? m_cells.erase(cell) : m_cells.next(cell);
 }
 
 // --- Queries
@@ -395,8 +421,7 @@ const CellEntry* SymbolTable::choose(Position cell, unsigned long long address, 
 const CellEntry* SymbolTable::winner(const Cell& cell, unsigned long long address, symbol_kind_t mask) {
     const CellEntry* best = nullptr;
     ISymbol* bestSymbol = nullptr;
-    for (const CellNode* node = cell.head; node; node = node->next) {
-        const CellEntry* entry = node->entry;
+    for (const CellEntry* entry : cell.list) {
         if (!covers(*entry, address))
             continue;
         ISymbol* symbol = entry->scope->symbol();
@@ -426,9 +451,9 @@ const CellEntry* SymbolTable::selected(Position cell, unsigned long long address
     cell = m_cells.find(key);
     if (!chosen || cell == m_cells.end())
         return nullptr;
-    for (const CellNode* node = m_cells.at(cell).head; node; node = node->next) {
-        if (node->entry->scope->symbol() == chosen.get())
-            return node->entry;
+    for (const CellEntry* entry : m_cells.at(cell).list) {
+        if (entry->scope->symbol() == chosen.get())
+            return entry;
     }
     return nullptr;
 }

@@ -9,30 +9,30 @@
 
 namespace ORN_3_30 {
 
-/// Finds a node in a cell's list.
+/// Finds an entry in a cell's list.
 class ISymbolTableListItemComparer {
 public:
-    virtual bool matches(const CellNode& node) const = 0;
+    virtual bool matches(const CellEntry& entry) const = 0;
 
 protected:
     ~ISymbolTableListItemComparer() = default;
 };
 
-/// The node of an entry of a scope.
+/// An entry of one scope.
 class ScopeComparer : public ISymbolTableListItemComparer {
 public:
     explicit ScopeComparer(const Scope* scope) : m_scope(scope) {}
-    bool matches(const CellNode& node) const override { return node.entry->scope == m_scope; }
+    bool matches(const CellEntry& entry) const override { return entry.scope == m_scope; }
 
 private:
     const Scope* m_scope;
 };
 
-/// The node of one entry.
+/// One entry.
 class ValueComparer : public ISymbolTableListItemComparer {
 public:
     explicit ValueComparer(const CellEntry* entry) : m_entry(entry) {}
-    bool matches(const CellNode& node) const override { return node.entry == m_entry; }
+    bool matches(const CellEntry& entry) const override { return &entry == m_entry; }
 
 private:
     const CellEntry* m_entry;
@@ -41,10 +41,13 @@ private:
 /// The address space is cut into cells, each from one start address to the next, and a cell lists every entry
 /// that covers it. So a lookup is one search for the cell and a walk of its list.
 ///
-/// A list is ordered by descending end. A new node whose end is above the head's becomes the head; otherwise
-/// it goes behind the head and behind every following node whose end is greater. Among equal ends that makes
+/// A list is ordered by descending end. A newcomer whose end is above the head's becomes the head; otherwise
+/// it goes behind the head and behind every following entry whose end is greater. Among equal ends that makes
 /// the head stay the first and any other newcomer come before those that were there. Which of equal
 /// candidates wins depends on it.
+///
+/// The cell where an entry starts is its owner. An entry that loses its place there, which happens only where
+/// scopes are folded, keeps its memory until the table dies: other cells may still list it.
 class SymbolTable : public SymMgrObject<ISymbolTable> {
 public:
     using RangeIteratorPtr = SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>>;
@@ -71,10 +74,10 @@ private:
     using Position = CellIndex::Position;
 
     // Adding.
-    CellNode* addEntry(unsigned long long start, unsigned long long end, Scope* scope);
-    CellNode* settleWithExisting(Position cell, unsigned long long end, Scope* scope);
+    CellEntry* addEntry(unsigned long long start, unsigned long long end, Scope* scope);
+    CellEntry* settleWithExisting(Position cell, unsigned long long end, Scope* scope);
     void findNeighbour(Position cell, unsigned long long& nextKey, Scope*& nextScope) const;
-    CellNode* mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits);
+    CellEntry* mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits);
     void addScopeRanges(Scope* scope, bool& added, Scope*& survivor);
     void addScopeThunks(Scope* scope, bool& added, Scope* target);
     void addThunkEntry(Scope* scope, IThunk* thunk, bool& added, Scope* target);
@@ -92,7 +95,9 @@ private:
     void removeFurtherRanges(Scope* scope);
     Position removeMatching(Position cell, const ISymbolTableListItemComparer& comparer);
     CellEntry* newEntry(unsigned long long start, unsigned long long end, Scope* scope);
-    CellNode* newNode(CellEntry* entry);
+    void list(Cell& cell, CellEntry* entry);
+    void listInFurtherCell(Cell& cell, std::size_t place, CellEntry* entry);
+    std::size_t placeIn(const CellList& list, unsigned long long end) const;
 
     // Queries.
     Position cellHolding(unsigned long long address) const;
@@ -108,9 +113,10 @@ private:
     CellIndex m_cells;
     std::deque<Scope*> m_scopes; ///< owned; deleted directly, whatever their counts
     RecordPool<CellEntry> m_entryPool;
-    RecordPool<CellNode> m_nodePool;
+    ListStore m_listStore;
     unsigned long long m_entryCount;
-    unsigned long long m_nodeCount; ///< of nodes beside the owners
+    unsigned long long m_furtherListings; ///< of entries in cells that do not own them
+    bool m_isOrdered;                     ///< every list is ordered by descending end
     /// Counts the changes of cells and lists: an iterator that finds another value looks up its place anew.
     unsigned long long m_changeStamp;
 };

@@ -1,32 +1,18 @@
-// The sorted index of a symbol table's cells. The table alone calls it. It knows keys and list heads and
-// nothing of entries; lists are the table's business.
+// The store under a symbol table: the sorted index of the cells, and the memory of their lists. The table
+// alone calls it. In which order a list stands is the table's business.
 
 #include "orn_symboltable_cells.h"
 
 #include "orn_log.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <new>
 
 namespace ORN_3_30 {
 
 namespace {
-
-/// How many of `count` elements come before the place that is searched, by a search without branches: on
-/// random addresses every branch of a plain binary search is mispredicted half the time.
-template <typename IsBefore>
-std::size_t partitionPoint(std::size_t count, const IsBefore& isBefore) {
-    if (count == 0)
-        return 0;
-    std::size_t base = 0;
-    while (count > 1) {
-        std::size_t half = count / 2;
-        base += isBefore(base + half - 1) ? half : 0;
-        count -= half;
-    }
-    return base + (isBefore(base) ? 1 : 0);
-}
 
 /// Makes room for one more element, so that inserting it cannot fail.
 template <typename T>
@@ -36,6 +22,81 @@ void reserveOneMore(std::vector<T>& vector) {
 }
 
 } // namespace
+
+// --- Lists
+
+CellEntry** ListStore::allocate(unsigned lengthLog) {
+    if (lengthLog < m_free.size() && m_free[lengthLog]) {
+        FreeArray* array = m_free[lengthLog];
+        m_free[lengthLog] = array->next;
+        return reinterpret_cast<CellEntry**>(array);
+    }
+    std::size_t length = std::size_t{1} << lengthLog;
+    if (length > greatestChunk)
+        return addChunk(length);
+    if (m_left < length) {
+        // The rest of the old chunk is left unused: it is smaller than one array.
+        std::size_t size = std::max(m_nextChunk, length);
+        m_bump = addChunk(size);
+        m_left = size;
+        m_nextChunk = std::min(size * 2, greatestChunk);
+    }
+    CellEntry** array = m_bump;
+    m_bump += length;
+    m_left -= length;
+    return array;
+}
+
+void ListStore::free(CellEntry** array, unsigned lengthLog) {
+    if (lengthLog >= m_free.size())
+        m_free.resize(lengthLog + 1);
+    m_free[lengthLog] = new (array) FreeArray{m_free[lengthLog]};
+}
+
+CellEntry** ListStore::addChunk(std::size_t length) {
+    m_chunks.push_back(std::unique_ptr<CellEntry*[]>(new CellEntry*[length]));
+    return m_chunks.back().get();
+}
+
+void CellList::reserve(ListStore& store, std::size_t count) {
+    if (count <= (isArray() ? array()->capacity() : 1))
+        return;
+    auto lengthLog = static_cast<unsigned>(std::bit_width(count));
+    auto* grown = new (store.allocate(lengthLog)) Array{static_cast<std::uint32_t>(size()), lengthLog};
+    std::copy(begin(), end(), grown->entries());
+    if (isArray())
+        store.free(reinterpret_cast<CellEntry**>(array()), array()->lengthLog);
+    setArray(grown);
+}
+
+void CellList::insert(ListStore& store, std::size_t index, CellEntry* entry) {
+    if (isEmpty()) {
+        m_entry = entry;
+        return;
+    }
+    reserve(store, size() + 1);
+    Array* into = array();
+    CellEntry** place = into->entries() + index;
+    std::memmove(place + 1, place, (into->count - index) * sizeof(CellEntry*));
+    *place = entry;
+    ++into->count;
+}
+
+void CellList::erase(ListStore& store, std::size_t index) {
+    if (!isArray()) {
+        m_entry = nullptr;
+        return;
+    }
+    Array* from = array();
+    CellEntry** place = from->entries() + index;
+    std::memmove(place, place + 1, (from->count - index - 1) * sizeof(CellEntry*));
+    if (--from->count > 0)
+        return;
+    m_entry = nullptr;
+    store.free(reinterpret_cast<CellEntry**>(from), from->lengthLog);
+}
+
+// --- The index
 
 CellIndex::~CellIndex() {
     for (Block* block : m_blocks)
@@ -110,7 +171,7 @@ CellIndex::Position CellIndex::insert(Position before, unsigned long long key) {
     Block* block = m_blocks[where.block];
     auto slot = static_cast<std::uint32_t>(where.slot);
     block->moveCells(slot, slot + 1);
-    block->cells()[slot] = {key, nullptr};
+    block->cells()[slot] = {key, CellList()};
     ++block->count;
     if (slot == 0)
         m_firstKeys[where.block] = key;

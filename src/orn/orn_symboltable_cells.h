@@ -10,60 +10,46 @@
 namespace ORN_3_30 {
 
 class Scope;
-struct CellEntry;
 
-/// Link of a cell's list: it makes one entry known to one cell.
-struct CellNode {
-    CellEntry* entry;
-    CellNode* next;
-};
+/// How many of `count` elements come before the place that is searched, by a search without branches: on
+/// random addresses every branch of a plain binary search is mispredicted half the time.
+template <typename IsBefore>
+std::size_t partitionPoint(std::size_t count, const IsBefore& isBefore) {
+    if (count == 0)
+        return 0;
+    std::size_t base = 0;
+    while (count > 1) {
+        std::size_t half = count / 2;
+        base += isBefore(base + half - 1) ? half : 0;
+        count -= half;
+    }
+    return base + (isBefore(base) ? 1 : 0);
+}
 
 /// One interval of a scope, half-open. `start` equals `end` for a symbol of size zero, which covers its whole
 /// cell; an interval that ends below its start, as sums that wrap give it, covers nothing.
 struct CellEntry {
-    CellNode ownerNode; ///< the node of the cell where the entry starts: entry and owner live together
     unsigned long long start;
     unsigned long long end;
     Scope* scope;
+    std::uint32_t nameHash; ///< 0 until crowded cells need it, see SymbolTable
 
     bool isEmpty() const { return start == end; }
 };
 
-/// One stretch of address space, from its key to the key of the next cell, and the list of what covers it.
-struct Cell {
-    unsigned long long key;
-    CellNode* head; ///< may be null: an empty cell marks the end of a section
-};
-
 /// Hands out records from chunks that grow, so that a record costs its own size and no call of the allocator.
-/// Everything goes when the pool goes. `Record` is plain data.
+/// Records live as long as the pool. `Record` is plain data.
 template <typename Record>
 class RecordPool {
 public:
     Record* allocate() {
-        if (m_free) {
-            FreeRecord* record = m_free;
-            m_free = record->next;
-            return reinterpret_cast<Record*>(record);
-        }
         if (m_left == 0)
             addChunk();
         --m_left;
         return m_bump++;
     }
 
-    void free(Record* record) {
-        auto* freed = reinterpret_cast<FreeRecord*>(record);
-        freed->next = m_free;
-        m_free = freed;
-    }
-
 private:
-    struct FreeRecord {
-        FreeRecord* next;
-    };
-    static_assert(sizeof(Record) >= sizeof(FreeRecord));
-
     // A nested table often holds two or three records, a module's a million.
     static constexpr std::size_t firstChunk = 4;
     static constexpr std::size_t greatestChunk = 1024;
@@ -80,7 +66,76 @@ private:
     Record* m_bump = nullptr;
     std::size_t m_left = 0;
     std::size_t m_nextChunk = firstChunk;
-    FreeRecord* m_free = nullptr;
+};
+
+/// Memory for the lists of cells with more than one entry: arrays whose lengths are powers of two, reused by
+/// length. Everything goes when the store goes.
+class ListStore {
+public:
+    CellEntry** allocate(unsigned lengthLog);
+    void free(CellEntry** array, unsigned lengthLog);
+
+private:
+    struct FreeArray {
+        FreeArray* next;
+    };
+
+    static constexpr std::size_t firstChunk = 16; ///< lengths in pointers
+    static constexpr std::size_t greatestChunk = 8192;
+
+    CellEntry** addChunk(std::size_t length);
+
+    std::vector<FreeArray*> m_free; ///< by logarithm of the length
+    std::vector<std::unique_ptr<CellEntry*[]>> m_chunks;
+    CellEntry** m_bump = nullptr;
+    std::size_t m_left = 0;
+    std::size_t m_nextChunk = firstChunk;
+};
+
+/// What covers a cell, in the order that the table gives it. A single entry, by far the most common case, is
+/// held in place; more are held in an array of the store. Plain data: the owner hands the store in.
+class CellList {
+public:
+    std::size_t size() const { return isArray() ? array()->count : m_entry != nullptr; }
+    bool isEmpty() const { return m_entry == nullptr; }
+    CellEntry* const* begin() const { return isArray() ? array()->entries() : &m_entry; }
+    CellEntry* const* end() const { return begin() + size(); }
+    CellEntry* operator[](std::size_t index) const { return begin()[index]; }
+
+    /// Makes room for `count` entries.
+    void reserve(ListStore& store, std::size_t count);
+    void insert(ListStore& store, std::size_t index, CellEntry* entry);
+    void erase(ListStore& store, std::size_t index);
+
+private:
+    /// Header in the place of the array's first pointer.
+    struct Array {
+        std::uint32_t count;
+        std::uint32_t lengthLog; ///< of the array with its header
+
+        CellEntry** entries() { return reinterpret_cast<CellEntry**>(this + 1); }
+        std::size_t capacity() const { return (std::size_t{1} << lengthLog) - 1; }
+    };
+    static_assert(sizeof(Array) == sizeof(CellEntry*));
+
+    static constexpr std::uintptr_t arrayTag = 1;
+
+    bool isArray() const { return (reinterpret_cast<std::uintptr_t>(m_entry) & arrayTag) != 0; }
+    Array* array() const {
+        return reinterpret_cast<Array*>(reinterpret_cast<std::uintptr_t>(m_entry) - arrayTag);
+    }
+    void setArray(Array* array) {
+        m_entry = reinterpret_cast<CellEntry*>(reinterpret_cast<std::uintptr_t>(array) + arrayTag);
+    }
+
+    CellEntry* m_entry; ///< the only entry, or the tagged address of an array; null: an empty cell
+};
+
+/// One stretch of address space, from its key to the key of the next cell, and what covers it. A cell without
+/// anything marks the end of a section.
+struct Cell {
+    unsigned long long key;
+    CellList list;
 };
 
 /// The cells in ascending order of their keys: blocks of sorted cells, and a vector of the blocks' first

@@ -31,23 +31,26 @@ bool SymbolByAddrIterator::next() {
         m_symbol = nullptr;
         return false;
     }
-    settleFrom(m_node->next);
+    settleFrom(m_index + 1);
     return m_symbol != nullptr;
 }
 
 void SymbolByAddrIterator::reset() {
     m_changeStamp = m_table->m_changeStamp;
-    CellIndex::Position cell = m_table->m_cells.find(m_cellKey);
-    settleFrom(cell != m_table->m_cells.end() ? m_table->m_cells.at(cell).head : nullptr);
+    m_cell = m_table->m_cells.find(m_cellKey);
+    settleFrom(0);
 }
 
-/// Stands on the first candidate from `node` on.
-void SymbolByAddrIterator::settleFrom(const CellNode* node) {
+/// Stands on the first candidate from place `index` on.
+void SymbolByAddrIterator::settleFrom(std::size_t index) {
     m_symbol = nullptr;
-    for (m_node = node; m_node; m_node = m_node->next) {
-        if (!SymbolTable::covers(*m_node->entry, m_address))
+    if (m_cell == m_table->m_cells.end())
+        return;
+    const CellList& list = m_table->m_cells.at(m_cell).list;
+    for (m_index = index; m_index < list.size(); ++m_index) {
+        if (!SymbolTable::covers(*list[m_index], m_address))
             continue;
-        ISymbol* symbol = m_node->entry->scope->symbol();
+        ISymbol* symbol = list[m_index]->scope->symbol();
         if (!ORN_ASSERT(symbol != NULL))
             return;
         if ((symbol->kind() & m_mask) == symbol_kind_none)
@@ -83,62 +86,57 @@ void SymbolRangesIterator::reset() {
     if (first == cells.end())
         return;
     m_firstKey = cells.at(first).key;
-    settleFrom(first, cells.at(first).head);
+    settleFrom(first, 0);
 }
 
 bool SymbolRangesIterator::next() {
     if (!m_scope)
         return false;
     if (m_changeStamp == m_table->m_changeStamp)
-        settleFrom(m_cell, m_node->next);
+        settleFrom(m_cell, m_index + 1);
     else
         resume();
     return m_scope != nullptr;
 }
 
-/// Stands on the first entry that is reported, from `node` of `cell` on.
-void SymbolRangesIterator::settleFrom(Position cell, const CellNode* node) {
+/// Stands on the first entry that is reported, from place `index` of `cell` on.
+void SymbolRangesIterator::settleFrom(Position cell, std::size_t index) {
     CellIndex& cells = m_table->m_cells;
     m_scope = nullptr;
-    while (cell != cells.end() && cells.at(cell).key <= m_high) {
+    for (; cell != cells.end() && cells.at(cell).key <= m_high; cell = cells.next(cell), index = 0) {
         m_cellKey = cells.at(cell).key;
-        for (; node; node = node->next) {
-            const CellEntry& entry = *node->entry;
-            if (!isReported(entry, m_cellKey))
+        const CellList& list = cells.at(cell).list;
+        for (; index < list.size(); ++index) {
+            m_entry = list[index];
+            if (!isReported(*m_entry, m_cellKey))
                 continue;
             m_cell = cell;
-            m_node = node;
-            m_begin = entry.start;
-            m_end = entry.end;
-            m_scope = entry.scope;
+            m_index = index;
+            m_begin = m_entry->start;
+            m_end = m_entry->end;
+            m_scope = m_entry->scope;
             return;
         }
-        cell = cells.next(cell);
-        node = cell != cells.end() ? cells.at(cell).head : nullptr;
     }
 }
 
-/// Goes on behind the current entry in a table that has changed. If the entry's node is gone, lists being
-/// ordered by descending end, the walk goes on with what ends before it.
+/// Goes on behind the current entry in a table that has changed. If the cell does not list it any more, the
+/// walk goes on with what ends before it, since lists are ordered by descending end.
 void SymbolRangesIterator::resume() {
     CellIndex& cells = m_table->m_cells;
     m_changeStamp = m_table->m_changeStamp;
     Position cell = cells.lowerBound(m_cellKey);
-    const CellNode* node = nullptr;
-    if (cell != cells.end()) {
-        node = cells.at(cell).head;
-        if (cells.at(cell).key == m_cellKey) {
-            const CellNode* known = node;
-            while (known && known != m_node)
-                known = known->next;
-            if (known)
-                node = known->next;
-            else
-                while (node && node->entry->end >= m_end)
-                    node = node->next;
-        }
+    std::size_t index = 0;
+    if (cell != cells.end() && cells.at(cell).key == m_cellKey) {
+        const CellList& list = cells.at(cell).list;
+        auto known = std::find(list.begin(), list.end(), m_entry);
+        auto next = known != list.end() ? known + 1
+                                        : std::find_if(list.begin(), list.end(), [&](const CellEntry* entry) {
+                                              return entry->end < m_end;
+                                          });
+        index = static_cast<std::size_t>(next - list.begin());
     }
-    settleFrom(cell, node);
+    settleFrom(cell, index);
 }
 
 /// An entry is reported where it starts, or in the first cell, so that it comes once, and only if it

@@ -19,14 +19,15 @@ public:
     void reset() override;
 
 private:
-    void settleFrom(const CellNode* node);
+    void settleFrom(std::size_t index);
 
     SymMgrObjectPtr<SymbolTable> m_table;
     unsigned long long m_cellKey;
     unsigned long long m_address;
     symbol_kind_t m_mask;
-    const CellNode* m_node;
-    ISymbol* m_symbol; ///< null past the end
+    CellIndex::Position m_cell;
+    std::size_t m_index; ///< in the cell's list
+    ISymbol* m_symbol;   ///< null past the end
     unsigned long long m_changeStamp;
 };
 
@@ -45,7 +46,7 @@ public:
 private:
     using Position = CellIndex::Position;
 
-    void settleFrom(Position cell, const CellNode* node);
+    void settleFrom(Position cell, std::size_t index);
     void resume();
     bool isReported(const CellEntry& entry, unsigned long long cellKey) const;
 
@@ -56,8 +57,9 @@ private:
     unsigned long long m_firstKey; ///< of the cell that holds `m_low`
     Position m_cell;
     unsigned long long m_cellKey;
-    const CellNode* m_node;
-    unsigned long long m_begin; ///< of the current entry
+    std::size_t m_index;        ///< in the cell's list
+    const CellEntry* m_entry;   ///< the current one
+    unsigned long long m_begin; ///< as it was when the walk came to it
     unsigned long long m_end;
     Scope* m_scope; ///< null past the end
     unsigned long long m_changeStamp;
