@@ -145,7 +145,7 @@ public:
         return *this;
     }
     SymMgrObjectPtr& operator=(const SymMgrObjectPtr& other) { return *this = other.m_object; }
-    SymMgrObjectPtr& operator=(SymMgrObjectPtr&& other) {
+    SymMgrObjectPtr& operator=(SymMgrObjectPtr&& other) noexcept {
         if (this != &other) {
             T* object = other.m_object;
             other.m_object = nullptr;

@@ -8,6 +8,7 @@
 #include "orn_file.h"
 
 #include "orn_filename.h"
+#include "orn_log.h"
 
 #include <cerrno>
 #include <climits>
@@ -207,7 +208,8 @@ std::int64_t LinuxFile::fail() noexcept {
 // File
 
 File::File(const char* path) : m_impl(nullptr), m_name(path ? path : ""), m_status(fosOK) {
-    m_impl = LinuxFile::open(path, O_RDONLY, m_status);
+    // O_NONBLOCK matters to a pipe under a module's name alone: opening one would wait for a writer.
+    m_impl = LinuxFile::open(path, O_RDONLY | O_NONBLOCK, m_status);
 }
 
 File::~File() {

@@ -9,6 +9,7 @@
 #include "orn_filename.h"
 
 #include "orn_file.h"
+#include "orn_log.h"
 
 #include <utility>
 #include <vector>
