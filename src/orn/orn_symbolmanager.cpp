@@ -48,10 +48,12 @@ bool mayBeMissing(const char* path) {
 
 /// Reached from the destructor of every format loader. The manager is held by a count of its own and not by
 /// the creation lock, because releaseFFL() takes the registry lock.
-void releaseFormatLoader(IFileFormatLoader* ffl) {
+void forgetFormatLoader(IFileFormatLoader* ffl) {
     if (SymMgrObjectPtr<SymbolManager> manager = SymbolManager::existing())
         manager->releaseFFL(ffl);
 }
+
+[[maybe_unused]] const bool s_hookSet = (internal::setReleaseFormatLoader(&forgetFormatLoader), true);
 
 /// Number of the candidate that the resolver picks; negative for none.
 long long resolveSymbolFile(ISymbolFileResolver* resolver,
@@ -119,7 +121,6 @@ struct SymbolManager::LoaderPair {
 
 SymbolManager::SymbolManager() : SymMgrObject<ISymbolManager>(creationLock()) {
     ORN_TRACE("SymbolManager");
-    internal::setReleaseFormatLoader(&releaseFormatLoader);
 }
 
 // No bank can be registered any more, since each holds the manager; format loaders may outlive it and find
@@ -248,7 +249,7 @@ status_t SymbolManager::getFileLoader(SymMgrObjectPtr<IFileFormatLoader>& out,
         return status_CantOpenFile;
     }
     if (noCache) {
-        const status_t status = internal::createFormatLoader(out, image, kernelName);
+        const status_t status = internal::createFileFormatLoader(out, image, kernelName);
         return status == status_Ok && !out ? status_BadFileFormat : status;
     }
     return ensureFormatLoader(out, image, kernelName);
@@ -263,7 +264,7 @@ status_t SymbolManager::ensureFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& o
     if (const auto found = m_loaders.find(identity); found != m_loaders.end())
         out = found->second;
     if (!out) {
-        const status_t status = internal::createFormatLoader(out, image, kernelName);
+        const status_t status = internal::createFileFormatLoader(out, image, kernelName);
         if (status != status_Ok)
             return status;
         if (out)

@@ -68,11 +68,12 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
     deallocate(block);
 }
 
-// An allocator of a sanitizer ends the program at a size that no memory can have; malloc() refuses it.
-extern "C" const char* __asan_default_options() {
+// An allocator of a sanitizer ends the program at a size that no memory can have; malloc() refuses it. The
+// sanitizer looks these up by name in the finished program.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
     return "allocator_may_return_null=1";
 }
-extern "C" const char* __tsan_default_options() {
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
     return "allocator_may_return_null=1";
 }
 
