@@ -113,7 +113,8 @@ TEST_F(BuildIdSectionTest, AnEmptyDescriptionIsNone) {
 
 TEST_F(BuildIdSectionTest, ADescriptionThatDoesNotFitIsNone) {
     EXPECT_EQ(read(noteBytes(4, 8, buildIdType, gnu, {1, 2, 3, 4, 5, 6, 7, 8})), "0102030405060708");
-    for (const std::uint32_t size : {9u, 12u, 0x80000000u, 0xFFFFFFF8u, 0xFFFFFFFCu, 0xFFFFFFFDu, 0xFFFFFFFFu})
+    for (const std::uint32_t size :
+         {9u, 12u, 0x80000000u, 0xFFFFFFF8u, 0xFFFFFFFCu, 0xFFFFFFFDu, 0xFFFFFFFFu})
         EXPECT_EQ(read(noteBytes(4, size, buildIdType, gnu, {1, 2, 3, 4, 5, 6, 7, 8})), "") << size;
 }
 

@@ -414,7 +414,8 @@ TEST_F(BuildIdCandidateTest, AnOfferedFileWithoutIdIsRejected) {
 TEST_F(BuildIdCandidateTest, AnOfferedFileThatIsNoElfFileIsRejected) {
     const Candidate candidate = makeWithId();
     allowLog(""); // the reader of ELF files says what it thinks of this
-    const std::string file = m_dir.write("elsewhere", "just a text, and long enough for the header of a file");
+    const std::string file =
+        m_dir.write("elsewhere", "just a text, and long enough for the header of a file");
     EXPECT_EQ(candidate->resolve(file.c_str()), -1);
     EXPECT_EQ(candidate->resolve(m_dir.write("empty", "").c_str()), -1);
     expectWaiting(candidate);
