@@ -316,7 +316,7 @@ long long BinaryWithDWARFInfo::judge(const char* path) {
     canonicalPath(canonical, path);
     long long result = noCandidate;
     if (canonical == m_modulePath) {
-        if (!ORN_ASSERT(m_ffHelper != 0L))
+        if (!ORN_ASSERT_TEXT(m_ffHelper != nullptr, "m_ffHelper != 0L"))
             return m_state; // Quirk: the state, though it reads as an index
         result = judgeModule();
     }
@@ -331,7 +331,7 @@ long long BinaryWithDWARFInfo::judgeModule() {
     }
     // A path above its root has no canonical form, and what has no path cannot be opened either.
     const char* resolvedSymFile = m_modulePath.empty() ? nullptr : m_modulePath.c_str();
-    if (!ORN_ASSERT(resolvedSymFile != 0L))
+    if (!ORN_ASSERT_TEXT(resolvedSymFile != nullptr, "resolvedSymFile != 0L"))
         return noCandidate;
     m_resolvedPath = resolvedSymFile;
     m_state = symbol_file_usable;
