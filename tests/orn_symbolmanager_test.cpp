@@ -684,7 +684,27 @@ TEST_F(ManagerTest, ManyThreadsQueryOneBank) {
 
 class OutOfMemoryTest : public ManagerTest {
 protected:
-    OutOfMemoryTest() : path(writeModule("a")) { setLogLevel(50000); }
+    OutOfMemoryTest() : path(directory.path("a")) {
+        setLogLevel(50000);
+        writeRichModule();
+    }
+
+    /// A module that gives every step of a load something to do.
+    void writeRichModule() const {
+        orn_test::ElfAssembler elf;
+        auto text =
+            elf.section(".text", SHT_PROGBITS, SHF_ALLOC | SHF_EXECINSTR).address(0x1000).zeros(0x100);
+        auto data = elf.section(".data", SHT_PROGBITS, SHF_ALLOC | SHF_WRITE).address(0x3000).zeros(0x40);
+        elf.load({text});
+        elf.load({data});
+        elf.buildId({1, 2, 3, 4, 5, 6, 7, 8});
+        elf.debugLink("a-name-that-is-too-long-for-the-short-strings.debug", 1);
+        elf.symbol("first", 0x1000, 0x20, STB_GLOBAL, STT_FUNC, text);
+        elf.symbol("_ZN9somewhere14a_rather_long_nameEi", 0x1040, 0x20, STB_LOCAL, STT_FUNC, text);
+        elf.symbol("variable", 0x3000, 8, STB_GLOBAL, STT_OBJECT, data);
+        elf.dynamicSymbol("first", 0x1000, 0x20, STB_GLOBAL, STT_FUNC, text);
+        elf.write(path);
+    }
 
     /// Runs `step` with its first, second, ... allocation failing until it gets by without one failing. What
     /// it gives is a status; `status_OutOfMemory` and success alone will do, and nothing may stay behind.
@@ -771,7 +791,7 @@ TEST_F(OutOfMemoryTest, TheRangesReportItAndLeaveNothingBehind) {
 
 TEST_F(OutOfMemoryTest, TheSearchByRangesReportsItAndLeavesNothingBehind) {
     failEachAllocationOf(loadThen([](IModuleSymbolBank& bank) {
-        const RangesAdapter::Vector intervals = {{0x0, 0x8}, {0x10, 0x18}}; // of "first"
+        static const RangesAdapter::Vector intervals = {{0x0, 0x8}, {0x10, 0x18}}; // of "first"
         RangesAdapter ranges(&intervals);
         SymMgrObjectPtr<ISymbol> symbol;
         return bank.symbolByRanges(&ranges, symbol, false, true);
