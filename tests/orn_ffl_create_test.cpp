@@ -3,6 +3,7 @@
 #include "orn_fflelf.h"
 #include "orn_fflpe.h"
 #include "orn_moduleimage.h"
+#include "support/allocation.h"
 #include "support/byte_assembler.h"
 #include "support/elf_assembler.h"
 #include "support/orn_fixture.h"
@@ -138,6 +139,20 @@ TEST_F(RecognitionTest, RecognitionIsTraced) {
     EXPECT_EQ(internal::createFileFormatLoader(out, nullptr, ""), status_InvalidArg);
     EXPECT_EQ(messages(test::traceLevel),
               (std::vector<std::string>{"ENTER: create", "EXIT:  create", "ENTER: create", "EXIT:  create"}));
+}
+
+TEST_F(RecognitionTest, ALoaderThatIsNotMadeForWantOfMemorySaysSo) {
+    path = directory.write("a-name-that-is-too-long-for-the-short-strings", elfFile());
+    const SymMgrObjectPtr<IModuleImage> image = new FileImage(path.c_str(), 0, arch_unknown);
+    {
+        test::FailingAllocation failing(1);
+        EXPECT_EQ(IFileFormatLoader::create(out, image, ""), status_OutOfMemory);
+        EXPECT_TRUE(failing.happened());
+    }
+    EXPECT_FALSE(out);
+    expectLog("Out of memory");
+    test::FailingAllocation failing(1);
+    EXPECT_THROW((void)internal::createFileFormatLoader(out, image, ""), std::bad_alloc);
 }
 
 // --- The signature test of PE files

@@ -2,6 +2,7 @@
 
 #include "orn/file_format_loader.h"
 #include "orn_buffer.h"
+#include "support/allocation.h"
 #include "support/elf_assembler.h"
 #include "support/orn_fixture.h"
 #include "support/temp_dir.h"
@@ -462,6 +463,18 @@ TEST_F(ModuleImageTest, MakingAnImageIsTraced) {
     takeLogs();
     EXPECT_TRUE(internal::createModuleImage(path.c_str(), arch_unknown, false));
     EXPECT_EQ(messages(test::traceLevel), (std::vector<std::string>{"ENTER: create", "EXIT:  create"}));
+}
+
+TEST_F(ModuleImageTest, AnImageThatIsNotMadeForWantOfMemorySaysSo) {
+    const std::string path = directory.write("a-name-that-is-too-long-for-the-short-strings", "x");
+    {
+        test::FailingAllocation failing(1);
+        EXPECT_FALSE(IModuleImage::create(path.c_str(), arch_unknown, false));
+        EXPECT_TRUE(failing.happened());
+    }
+    expectLog("Out of memory");
+    test::FailingAllocation failing(1);
+    EXPECT_THROW(internal::createModuleImage(path.c_str(), arch_unknown, false), std::bad_alloc);
 }
 
 TEST_F(OffloadImageTest, AHostThatCannotBeReadGivesNoImage) {
