@@ -36,6 +36,11 @@ void printFields(Output& output, const ModuleDescription& module) {
                  : "none");
 }
 
+/// A cell is never empty: lines do not end in blanks, and something stands where something is said.
+std::string orDash(const std::string& text) {
+    return text.empty() ? "-" : printable(text);
+}
+
 void printTable(Output& output, std::string_view title, const TextTable& table) {
     output.put('\n').put(title).put(table.isEmpty() ? ": none\n" : "\n");
     if (!table.isEmpty())
@@ -47,7 +52,7 @@ void printCandidates(Output& output, const ModuleDescription& module) {
     for (const Candidate& candidate : module.candidates)
         table.addRow({wordForSymbolFile(candidate.kind),
                       std::string(wordForCandidate(candidate.state)) + (candidate.isChosen ? ", chosen" : ""),
-                      candidate.wantedName.empty() ? "-" : printable(candidate.wantedName)});
+                      orDash(candidate.wantedName)});
     printTable(output, "Candidates for the symbol file", table);
 }
 
@@ -56,11 +61,12 @@ void printSegments(Output& output, const ModuleDescription& module) {
                      {"size", Align::Right},
                      {"file offset", Align::Right},
                      {"file size", Align::Right},
-                     {"kind", Align::Right},
+                     {"kind", Align::Left},
                      {"name", Align::Left}});
     for (const SegmentDescription& segment : module.segments)
         table.addRow({hexText(segment.address), hexText(segment.memorySize), hexText(segment.fileOffset),
-                      hexText(segment.fileSize), std::to_string(segment.kind), printable(segment.name)});
+                      hexText(segment.fileSize), segment.kind == 0 ? "code" : std::to_string(segment.kind),
+                      orDash(segment.name)});
     printTable(output, "Segments", table);
 }
 
@@ -71,7 +77,7 @@ void printSections(Output& output, const ModuleDescription& module) {
                      {"name", Align::Left}});
     for (const SectionDescription& section : module.sections)
         table.addRow({hexText(section.address), hexText(section.size),
-                      section.fileOffset ? hexText(*section.fileOffset) : "-", printable(section.name)});
+                      section.fileOffset ? hexText(*section.fileOffset) : "-", orDash(section.name)});
     printTable(output, "Sections", table);
 }
 

@@ -21,8 +21,8 @@ using RangeIteratorPtr = SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>
 
 symbol_kind_t maskOf(const SymbolsOptions& options) {
     symbol_kind_t mask = symbol_kind_none;
-    for (const symbol_kind_t kind : options.kinds)
-        mask |= kind;
+    for (const std::string& word : options.kinds)
+        mask |= kindMask(word);
     return options.kinds.empty() ? symbol_kind_all : mask;
 }
 

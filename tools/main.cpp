@@ -58,11 +58,8 @@ void addSymbols(CLI::App& app, SymbolsOptions& options, Verb& verb) {
     command->footer("Columns: begin, end, size, kind, visibility, name. Ranges may overlap unless --cut.");
     addModule(*command, options.module);
     command->add_option("--kind", options.kinds, "Only symbols of this kind; may be given several times")
-        ->transform(CLI::CheckedTransformer(kindWords())
-                        .description("function, label, variable, other, entry-point, code or all"))
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->option_text("KIND");
+        ->check(CLI::IsMember(kindWords()))
+        ->allow_extra_args(false);
     command->add_flag("--cut", options.isCut, "Cut ranges so that each address has one owner");
     addJson(*command, options.asJson);
     command->callback([&options, &verb] { verb = [&options] { return runSymbols(options); }; });

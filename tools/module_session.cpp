@@ -77,10 +77,10 @@ std::string adviceFor(const std::string& path, status_t status) {
     case status_InvalidArg:
         return adviceForUnopened(path);
     case status_UnknownFileFormat:
-        return "this is not a program, library or other kind of module that orn reads";
     case status_BadFileFormat:
     case status_NoSectionData:
-        return "the file is damaged or cut short; fetch or build it again";
+        return "the file is no program, library or other module that orn reads, or it is damaged; "
+               "see what it is with 'file' and fetch or build it again";
     case status_BadDebugInfo:
         return "the debug information is damaged; build the module or its symbol file again";
     case status_OutOfMemory:
