@@ -90,13 +90,6 @@ void printText(Output& output, const ModuleDescription& module) {
 
 // ---- JSON
 
-void optionalHex(JsonWriter& json, const std::optional<unsigned long long>& value) {
-    if (value)
-        json.hex(*value);
-    else
-        json.null();
-}
-
 void putSegments(JsonWriter& json, const ModuleDescription& module) {
     json.key("segments").beginArray();
     for (const SegmentDescription& segment : module.segments) {
@@ -112,8 +105,7 @@ void putSections(JsonWriter& json, const ModuleDescription& module) {
     for (const SectionDescription& section : module.sections) {
         json.beginObject().key("name").string(section.name);
         json.key("address").hex(section.address).key("size").hex(section.size);
-        optionalHex(json.key("fileOffset"), section.fileOffset);
-        json.endObject();
+        json.key("fileOffset").hex(section.fileOffset).endObject();
     }
     json.endArray();
 }
@@ -146,7 +138,7 @@ void printJson(Output& output, const ModuleDescription& module) {
     json.key("format").string(wordFor(module.format));
     json.key("architecture").string(wordFor(module.architecture));
     json.key("loadAddress").hex(module.loadAddress);
-    optionalHex(json.key("entryPoint"), module.entryPoint);
+    json.key("entryPoint").hex(module.entryPoint);
     json.key("imageSize").hex(module.imageSize);
     putSymbolFile(json, module);
     putCandidates(json, module);

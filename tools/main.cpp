@@ -12,9 +12,9 @@
 #include <functional>
 #include <new>
 
-namespace {
+namespace orn_tool {
 
-using namespace orn_tool;
+namespace {
 
 /// The verb that was asked for, with its options bound.
 using Verb = std::function<int()>;
@@ -89,13 +89,15 @@ int runProgram(int argc, char** argv) {
 
 } // namespace
 
+} // namespace orn_tool
+
 int main(int argc, char** argv) {
     try {
-        return runProgram(argc, argv);
+        return orn_tool::runProgram(argc, argv);
     } catch (const std::bad_alloc&) {
         std::fputs("orn: out of memory: free memory or raise the limit (ulimit -v) and try again\n", stderr);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "orn: %s\n", error.what());
     }
-    return exit_NotLoaded;
+    return orn_tool::exit_NotLoaded;
 }

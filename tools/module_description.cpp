@@ -8,7 +8,18 @@
 
 namespace orn_tool {
 
-using namespace ORN_3_30;
+using ORN_3_30::IAddress;
+using ORN_3_30::IFileFormatLoader;
+using ORN_3_30::IIterator;
+using ORN_3_30::IModuleImage;
+using ORN_3_30::IModuleSymbolBank;
+using ORN_3_30::ISection;
+using ORN_3_30::ISegment;
+using ORN_3_30::isFailure;
+using ORN_3_30::status_t;
+using ORN_3_30::SymMgrObjectPtr;
+using enum ORN_3_30::arch_t;
+using enum ORN_3_30::symbol_file_type_t;
 
 namespace {
 

@@ -11,7 +11,16 @@
 
 namespace orn_tool {
 
-using namespace ORN_3_30;
+using ORN_3_30::IIterator;
+using ORN_3_30::isFailure;
+using ORN_3_30::ISymbolFileResolver;
+using ORN_3_30::ISymbolFileToResolve;
+using ORN_3_30::ISymbolManager;
+using ORN_3_30::status_t;
+using ORN_3_30::SymMgrObjectPtr;
+using ORN_3_30::toUString;
+using enum ORN_3_30::arch_t;
+using enum ORN_3_30::status_t;
 
 namespace {
 
@@ -111,6 +120,10 @@ bool ModuleSession::load() {
     if (isFailure(status))
         reportFailure(m_path, status);
     return !isFailure(status);
+}
+
+std::size_t ModuleSession::addressWidth() const {
+    return hexText(m_bank->preferredLoadAddress() + m_bank->imageSize()).size();
 }
 
 int finish(Output& output) {

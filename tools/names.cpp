@@ -5,7 +5,15 @@
 
 namespace orn_tool {
 
-using namespace ORN_3_30;
+using ORN_3_30::arch_t;
+using ORN_3_30::exec_format_t;
+using ORN_3_30::symbol_kind_t;
+using ORN_3_30::symbol_visibility_t;
+using enum ORN_3_30::arch_t;
+using enum ORN_3_30::exec_format_t;
+using enum ORN_3_30::symbol_file_type_t;
+using enum ORN_3_30::symbol_kind_t;
+using enum ORN_3_30::symbol_visibility_t;
 
 const char* wordFor(symbol_kind_t kind) {
     switch (kind) {
