@@ -11,6 +11,7 @@
 #include "orn_fflelf.h"
 #include "orn_log.h"
 #include "orn_scope.h"
+#include "orn_symboltable.h"
 
 #include <cstring>
 #include <memory>
@@ -120,6 +121,17 @@ void SymbolCallBack::operator()(const char* name, unsigned long long address, un
     attach(*symbol, address, size);
     // The table owns the scope from here on and may have destroyed it when this returns.
     m_sink.addScopeRange(address, saturatingSum(address, size), symbol.release());
+}
+
+RegularSymbolCallBack::RegularSymbolCallBack(IFileFormatLoader& loader, ISymbolTable& sink)
+    : SymbolCallBack(loader, sink), m_loader(loader), m_table(dynamic_cast<SymbolTable*>(&sink)) {}
+
+void RegularSymbolCallBack::operator()(const char* name, unsigned long long address, unsigned long long size,
+                                       symbol_visibility_t visibility, symbol_kind_t kind) {
+    if (!m_table)
+        SymbolCallBack::operator()(name, address, size, visibility, kind);
+    else if (name && *name)
+        m_table->addPlainSymbol(m_loader, {name, visibility, kind}, address, saturatingSum(address, size));
 }
 
 void RegularSymbolCallBack::attach(SymbolScope& symbol, unsigned long long address, unsigned long long size) {

@@ -28,13 +28,20 @@ std::size_t partitionPoint(std::size_t count, const IsBefore& isBefore) {
 
 /// One interval of a scope, half-open. `start` equals `end` for a symbol of size zero, which covers its whole
 /// cell; an interval that ends below its start, as sums that wrap give it, covers nothing.
+///
+/// A plain symbol, one of a format's own symbol table, is nothing but its entry until somebody asks for it:
+/// most of a module's symbols are never asked for, and scopes and symbols are large.
 struct CellEntry {
     unsigned long long start;
     unsigned long long end;
-    Scope* scope;
+    Scope* scope;           ///< null: a plain symbol whose scope is not made yet, see SymbolTable::scopeOf
+    const char* name;       ///< of a plain symbol, borrowed; otherwise null
     std::uint32_t nameHash; ///< 0 until crowded cells need it, see SymbolTable
+    std::uint8_t kind;      ///< of a plain symbol: symbol_kind_t, which has no value above 16
+    std::uint8_t visibility;
 
     bool isEmpty() const { return start == end; }
+    bool isPlain() const { return name != nullptr; }
 };
 
 /// Hands out records from chunks that grow, so that a record costs its own size and no call of the allocator.
