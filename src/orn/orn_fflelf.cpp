@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <utility>
-
 namespace ORN_3_30 {
 
 namespace {
