@@ -112,7 +112,7 @@ TEST_F(ElfFileLoaderTest, BrokenModuleIsABadFileAndLivesOnWithoutSegments) {
     loader->getSectionByName(section, ".text");
     EXPECT_FALSE(section);
     std::vector<SymMgrObjectPtr<ISymbolFileToResolve>> candidates;
-    EXPECT_FALSE(isFailure(loader->collectSymbolFiles(candidates)));
+    EXPECT_EQ(loader->collectSymbolFiles(candidates), status_Ok);
 }
 
 TEST_F(ElfFileLoaderTest, WithoutImageNothingIsThere) {
@@ -557,6 +557,57 @@ TEST_F(ElfFileLoaderTest, DebugFileWithoutSegmentsIsTakenForHigherAndLendsNothin
     EXPECT_EQ(files.loader->getElfHelper()->getSymTab(), nullptr);
 }
 
+// --- Candidates
+
+/// Kind, state and wanted name of each candidate.
+std::vector<std::string> candidatesOf(OpenLoader& loader) {
+    std::vector<SymMgrObjectPtr<ISymbolFileToResolve>> candidates;
+    EXPECT_EQ(loader.collectSymbolFiles(candidates), status_Ok);
+    std::vector<std::string> texts;
+    for (const auto& candidate : candidates)
+        texts.push_back(std::to_string(candidate->kind()) + " " + std::to_string(candidate->state()) + " " +
+                        candidate->wantedName());
+    return texts;
+}
+
+/// A module on disk, since candidates look beside it.
+struct ModuleFile {
+    explicit ModuleFile(const ElfAssembler& elf) {
+        elf.write(path);
+        loader = new OpenLoader(new FileImage(path.c_str(), 0, arch_unknown));
+    }
+    TempDir directory;
+    std::string path = directory.path("module");
+    LoaderPtr loader;
+};
+
+TEST_F(ElfFileLoaderTest, CandidatesAreByBuildIdByDebugLinkAndTheModuleItself) {
+    ElfAssembler elf = smallModule();
+    elf.buildId({0xAB, 0xCD, 0xEF, 0x01}).flags(0);
+    elf.debugLink("module.debug", 0x12345678);
+    elf.section(".debug_info").zeros(16);
+    ModuleFile module(elf);
+    EXPECT_THAT(candidatesOf(*module.loader),
+                ElementsAre("1 4 .build-id/ab/cdef01.debug", "1 4 module.debug", "1 1 " + module.path));
+}
+
+TEST_F(ElfFileLoaderTest, CandidateWithoutNameIsLeftOutAndTheNextTakesItsIndex) {
+    ElfAssembler elf = smallModule();
+    elf.section(".debug_info").zeros(16);
+    ModuleFile module(elf);
+    EXPECT_THAT(candidatesOf(*module.loader), ElementsAre("1 1 " + module.path, "1 1 " + module.path))
+        << "no build id";
+    std::vector<SymMgrObjectPtr<ISymbolFileToResolve>> candidates;
+    EXPECT_EQ(module.loader->collectSymbolFiles(candidates), status_Ok);
+    ASSERT_EQ(candidates.size(), 2u);
+    EXPECT_EQ(candidates[0]->resolve(module.path.c_str()), 0);
+    EXPECT_EQ(candidates[1]->resolve(module.path.c_str()), 1);
+}
+
+TEST_F(ElfFileLoaderTest, ModuleWithNothingToLookForHasNoCandidates) {
+    EXPECT_THAT(candidatesOf(*loaderOf(smallModule())), IsEmpty());
+}
+
 // --- The legacy reader of managed-code containers
 
 ElfAssembler oatModule() {
@@ -581,6 +632,14 @@ TEST_F(ElfFileLoaderTest, OatContainerIsFoundWhereTheLegacyReaderIsOn) {
     EXPECT_EQ(loader->getOatData()->pseudoAddr(), 0x1000u);
     EXPECT_EQ(loader->getOatExec()->pseudoAddr(), 0x2000u);
     EXPECT_EQ(loader->getOatDataSize(), 0x2000u);
+}
+
+TEST_F(ElfFileLoaderTest, OatContainerHasNoCandidatesWithDwarf) {
+    ElfAssembler elf = oatModule();
+    elf.buildId({1, 2, 3, 4}).flags(0);
+    EXPECT_EQ(candidatesOf(*loaderOf(elf)).size(), 1u);
+    EnvironmentSwitch on("ORN_USE_LEGACY_OAT_READER", "1");
+    EXPECT_THAT(candidatesOf(*loaderOf(elf)), IsEmpty());
 }
 
 TEST_F(ElfFileLoaderTest, OatTestDoesNotRunUnlessSwitchedOn) {

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <utility>
-
 namespace ORN_3_30 {
 
 namespace {
@@ -140,7 +139,7 @@ private:
 };
 
 ElfFileLoader::ElfFileLoader(SymMgrObjectPtr<IModuleImage> image)
-    : m_elfHelper(new ElfHelper(image)), m_infoRead(false), m_oatDataSize(0) {
+    : m_elfHelper(new ElfHelper(std::move(image))), m_infoRead(false), m_oatDataSize(0) {
     readFileInfo();
     if (!m_elfHelper->isValid())
         m_status = status_BadFileFormat;

@@ -185,6 +185,9 @@ void ElfFileLoader::readTable(const ElfHelper::SymbolTableData& table, ISymbolTa
 void ElfFileLoader::readThunks(ISymbolTable* sink, LoadFilter* filter) {
     if (m_elfHelper->getPltIndex() == ElfHelper::noSection)
         return;
+    // Every record holds a reference to the string table's data, whose count nothing else guards; another
+    // bank of this module may be here at the same time.
+    ScopedLock guard(m_elfHelper->getFillLock());
     SymMgrObjectPtr<RelocationAddends> addends;
     m_elfHelper->getRelocationAddends(addends, m_elfHelper->getPltIndex());
     SymMgrObjectPtr<ISection> section;
