@@ -91,11 +91,14 @@ void walkTable(const ElfHelper::SymbolTableData& table, const ElfHelper& helper,
     // Quirk: the string table's own size does not make a record broken, it only ends the names.
     const ElfSymbolStrings strings{table.strings, table.stringsSize, unlimitedNames};
     internal::ElfNameBudget names(table.stringsSize, table.entriesSize / stride);
+    const internal::LongElfNames longNames(table.strings, table.stringsSize);
     ElfSymbolRecord record;
     for (unsigned long long at = 0; internal::fitsInside(at, sizeof(Sym), table.entriesSize); at += stride) {
         if (decode<Sym>(table.entries + at, strings, helper, table.bias, flags, record) != status_Ok)
             continue;
-        if (passesFilter(filter, record.address, record.size) && names.afford(record.name))
+        if (!passesFilter(filter, record.address, record.size))
+            continue;
+        if (!longNames.holds(record.name) || names.afford(record.name))
             callback(record.name, record.address, record.size, record.visibility, record.kind);
     }
 }
