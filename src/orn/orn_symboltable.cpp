@@ -111,8 +111,12 @@ private:
     ISymbol* m_symbol; ///< null for a plain symbol
 };
 
-/// Guards the making of scopes of plain symbols, by queries of any thread on any table: short and rare.
-OrnLock s_makeScopeLock;
+/// Guards the making of scopes of plain symbols, by queries of any thread on any table: short and rare. Never
+/// destroyed, for a client may ask in a static destructor.
+ILock* makeScopeLock() {
+    static OrnLock* const lock = new OrnLock;
+    return lock;
+}
 
 } // namespace
 
@@ -246,7 +250,7 @@ Scope* SymbolTable::scopeOf(CellEntry& entry) {
 }
 
 Scope* SymbolTable::makeScope(CellEntry& entry) {
-    ScopedLock guard(&s_makeScopeLock);
+    ScopedLock guard(makeScopeLock());
     if (Scope* scope = madeScope(entry))
         return scope;
     const PlainSymbol symbol{entry.name, static_cast<symbol_visibility_t>(entry.visibility),
