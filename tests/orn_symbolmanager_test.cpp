@@ -502,6 +502,13 @@ protected:
         SymbolManager::existing()->registerFFL(ModuleIdentity::ofImage(*image), loader);
     }
 
+    /// The last release of a registered loader belongs under the registry lock.
+    ~SymbolFileChoiceTest() override {
+        bank = nullptr;
+        ScopedLock guard(SymbolManager::registryLock());
+        loader = nullptr;
+    }
+
     status_t loadFake(ISymbolFileResolver* resolver = nullptr, unsigned flags = 0) {
         return manager->loadSymbolsFromModuleEx(path.c_str(), resolver, bank, arch_unknown, flags, nullptr);
     }
