@@ -7,7 +7,10 @@
 #include "support/orn_fixture.h"
 #include "support/temp_dir.h"
 
+#include <atomic>
+#include <chrono>
 #include <new>
+#include <thread>
 
 namespace ORN_3_30::test {
 namespace {
@@ -300,6 +303,26 @@ TEST_F(BankTest, CorruptDebugInformationLeavesTheFormatsSymbols) {
               status_BadDebugInfo);
     ASSERT_EQ(bank->symbolRangeByAddress(at(0x401010), range, symbol_kind_function, nullptr), status_Ok);
     EXPECT_STREQ(range->symbol()->rawName(), "main");
+}
+
+TEST_F(BankTest, TheLineResolverIsMadeWithTheLockThatALoadHolds) {
+    SymMgrObjectPtr<ModuleSymbolBank> bank = makeBank(debug);
+    ASSERT_TRUE(debug->lentLock);
+    std::atomic<bool> isLockFree = false;
+    std::thread other;
+    loader->onRead = [&](ISymbolTable*, symbol_kind_t) {
+        other = std::thread([&] {
+            ScopedLock guard(debug->lentLock);
+            isLockFree = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        EXPECT_FALSE(isLockFree);
+        return status_Ok;
+    };
+    SymMgrObjectPtr<ISymbolRange> range;
+    EXPECT_EQ(bank->symbolRangeByAddress(at(0x401010), range, symbol_kind_function, nullptr), status_False);
+    other.join();
+    EXPECT_TRUE(isLockFree);
 }
 
 TEST_F(BankTest, ALoadWithoutMemoryIsReported) {

@@ -125,8 +125,6 @@ protected:
     void collapseRanges(unsigned long long high);
     symbol_kind_t loadedKinds() const { return m_loadedKinds; }
     void forgetLoadedKinds() { m_loadedKinds = symbol_kind_none; }
-    /// The lock of the count of the scope's table.
-    ILock* tableLock();
     /// Releases table and thunks while the lock of the table still lives.
     void releaseContent();
 
