@@ -305,6 +305,21 @@ TEST_F(BankTest, CorruptDebugInformationLeavesTheFormatsSymbols) {
     EXPECT_STREQ(range->symbol()->rawName(), "main");
 }
 
+TEST_F(BankTest, DebugInformationWithoutMemoryLeavesTheFormatsSymbols) {
+    expectLog("Out of memory");
+    debug->onLoad = [](ISymbolTable*, symbol_kind_t) -> status_t { throw std::bad_alloc(); };
+    loader->onRead = [this](ISymbolTable* sink, symbol_kind_t) {
+        enterSymbol(*loader, sink, "main", 0x401000, 0x401020);
+        return status_Ok;
+    };
+    SymMgrObjectPtr<ModuleSymbolBank> bank = makeBank(debug);
+    SymMgrObjectPtr<ISymbolRange> range;
+    EXPECT_EQ(bank->symbolRangeByAddress(at(0x401010), range, symbol_kind_function, nullptr),
+              status_OutOfMemory);
+    ASSERT_EQ(bank->symbolRangeByAddress(at(0x401010), range, symbol_kind_function, nullptr), status_Ok);
+    EXPECT_STREQ(range->symbol()->rawName(), "main");
+}
+
 TEST_F(BankTest, TheLineResolverIsMadeWithTheLockThatALoadHolds) {
     SymMgrObjectPtr<ModuleSymbolBank> bank = makeBank(debug);
     ASSERT_TRUE(debug->lentLock);

@@ -373,7 +373,7 @@ status_t GlobalScope::loadContent(symbol_kind_t mask) {
     status_t fileStatus = status_Ok;
     if (mask != symbol_kind_none) {
         if (m_debugLoader)
-            debugStatus = m_debugLoader->loadSymbols(symbolTable(), &m_loadFilter, mask, m_lineResolver);
+            debugStatus = loadDebugSymbols(mask);
         fileStatus = m_fileLoader->readSymbols(symbolTable(), &m_loadFilter, mask);
     }
     if (isFailure(fileStatus))
@@ -381,6 +381,14 @@ status_t GlobalScope::loadContent(symbol_kind_t mask) {
     if (isFailure(debugStatus))
         return debugStatus;
     return fileStatus != status_Ok ? debugStatus : status_Ok;
+}
+
+/// Debug information that does not fit into memory leaves the format's own symbols to be read.
+status_t GlobalScope::loadDebugSymbols(symbol_kind_t mask) {
+    try {
+        return m_debugLoader->loadSymbols(symbolTable(), &m_loadFilter, mask, m_lineResolver);
+    }
+    ORN_CATCH_OUT_OF_MEMORY
 }
 
 void GlobalScope::addInterestingAddress(unsigned long long address) {

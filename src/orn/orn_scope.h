@@ -191,6 +191,7 @@ public:
     void interestingRanges(SymMgrObjectPtr<RangeFilter>& out);
 
 private:
+    status_t loadDebugSymbols(symbol_kind_t mask);
     void addRangesAround(unsigned long long address, symbol_kind_t kinds, RangeFilter& ranges);
 
     IFileFormatLoader* m_fileLoader;                     ///< borrowed
