@@ -340,6 +340,35 @@ TEST_F(BankTest, TheLineResolverIsMadeWithTheLockThatALoadHolds) {
     EXPECT_TRUE(isLockFree);
 }
 
+TEST_F(BankTest, ManyThreadsMayBeTheFirstToAskInsideASymbol) {
+    loader->onRead = [this](ISymbolTable* sink, symbol_kind_t) {
+        enterSymbol(*loader, sink, "main", 0x401000, 0x401020);
+        return status_Ok;
+    };
+    for (int round = 0; round < 20; ++round) {
+        SymMgrObjectPtr<ModuleSymbolBank> bank = makeBank();
+        std::atomic<int> waiting = 4;
+        std::vector<std::thread> threads;
+        for (int number = 0; number < 4; ++number)
+            threads.emplace_back([&] {
+                const SymMgrObjectPtr<IAddress> address = at(0x401010);
+                SymMgrObjectPtr<ISymbolRange> range;
+                const status_t status =
+                    bank->symbolRangeByAddress(address, range, symbol_kind_function, nullptr);
+                --waiting;
+                while (waiting > 0)
+                    std::this_thread::yield();
+                ASSERT_EQ(status, status_Ok);
+                SymMgrObjectPtr<ISymbolRange> nested;
+                range->nestedRangeByAddress(nested, address);
+                range->nestedRangeByAddress(nested, address);
+                EXPECT_FALSE(nested);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+}
+
 TEST_F(BankTest, ALoadWithoutMemoryIsReported) {
     expectLog("Out of memory");
     loader->onRead = [](ISymbolTable*, symbol_kind_t) -> status_t { throw std::bad_alloc(); };
