@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -51,8 +52,11 @@ ElfAssembler completeModule(ElfClass elfClass) {
 ElfAssembler kernelModule(ElfClass elfClass) {
     ElfAssembler elf(elfClass, std::nullopt, ET_REL);
     auto text = elf.section(".text", SHT_PROGBITS, codeFlags).zeros(0x40);
+    auto init = elf.section(".init.text", SHT_PROGBITS, codeFlags).zeros(0x20);
     elf.section(".data", SHT_PROGBITS, dataFlags).address(0x100).zeros(0x20);
-    elf.symbol("init_module", 0, 0x10, STB_GLOBAL, STT_FUNC, text);
+    elf.symbol("init_module", 0, 0x10, STB_GLOBAL, STT_FUNC, init);
+    elf.symbol("probe", 8, 0x30, STB_LOCAL, STT_FUNC, text);
+    elf.symbol("remove", 0x10, 0x30, STB_LOCAL, STT_FUNC, text);
     elf.relocations(".rela.text", SHT_RELA, text, elf.symbols().section()).add(8, 1, 1);
     return elf;
 }
@@ -64,6 +68,19 @@ void walkSections(ElfFileLoader& loader) {
         while (sections->next())
             sections->current();
     }
+}
+
+/// A range's end comes from the file: a damaged one is walked for as long as an honest one would be.
+constexpr int mostRanges = 1000;
+
+void walkRanges(ISymbolTable& table) {
+    SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>> ranges;
+    table.symbolRanges(ranges, 0, ~0ULL, symbol_kind_all);
+    for (int count = 0; ranges && count < mostRanges && ranges->next(); ++count)
+        ranges->current()->thunk();
+    table.nonOverlappedSymbolRanges(ranges, 0, ~0ULL - 1, symbol_kind_all, nullptr);
+    for (int count = 0; ranges && count < mostRanges && ranges->next(); ++count)
+        ranges->current()->size();
 }
 
 void readDebugSections(ElfHelper& elfHelper) {
@@ -96,6 +113,7 @@ void use(Bytes bytes) {
         if (range && range->symbol())
             range->symbol()->rawName();
     }
+    walkRanges(*table);
     walkSections(*loader);
     readDebugSections(*loader->getElfHelper());
 }
@@ -169,6 +187,57 @@ TEST_F(ElfHostileTest, ChangedHeadersOfACompleteModuleLoadOrFailCleanly) {
     for (ElfClass elfClass : {ElfClass::k32, ElfClass::k64}) {
         useTellingChangesOfHeaders(completeModule(elfClass));
         useTellingChangesOfHeaders(kernelModule(elfClass));
+    }
+}
+
+/// Places of the bytes that symbols, names and relocations are made of.
+std::vector<std::size_t> tableBytes(const Bytes& whole) {
+    SymMgrObjectPtr<ElfHelper> helper = new ElfHelper(new MemoryImage(whole));
+    std::vector<std::size_t> places;
+    for (unsigned index = 0; const Elf64_Shdr* header = helper->getSectionHeader(index); ++index) {
+        const auto type = header->sh_type;
+        if (type == SHT_SYMTAB || type == SHT_DYNSYM || type == SHT_STRTAB || type == SHT_RELA ||
+            type == SHT_REL)
+            for (std::size_t offset = 0; offset < header->sh_size; ++offset)
+                places.push_back(header->sh_offset + offset);
+    }
+    return places;
+}
+
+// Damage that adds up, as far as a new start every now and then: one flipped bit seldom says enough.
+TEST_F(ElfHostileTest, FlippedBitsInTablesLoadOrFailCleanly) {
+    setLogLevel(test::errorLevel + 1);
+    constexpr int steps = 5000;
+    constexpr int stepsBetweenStarts = 50;
+    std::mt19937 random(20240229);
+    for (ElfClass elfClass : {ElfClass::k32, ElfClass::k64}) {
+        for (const ElfAssembler& elf : {completeModule(elfClass), kernelModule(elfClass)}) {
+            const Bytes whole = elf.build();
+            const std::vector<std::size_t> places = tableBytes(whole);
+            ASSERT_GT(places.size(), 100U);
+            Bytes bytes;
+            for (int step = 0; step < steps; ++step) {
+                if (step % stepsBetweenStarts == 0)
+                    bytes = whole;
+                bytes[places[random() % places.size()]] ^= static_cast<uint8_t>(1U << random() % 8);
+                use(bytes);
+            }
+        }
+    }
+}
+
+// The whole of every symbol of a table replaced: sizes and addresses of every magnitude, over and over one
+// another.
+TEST_F(ElfHostileTest, SymbolsOfAnyValuesLoadOrFailCleanly) {
+    setLogLevel(test::errorLevel + 1);
+    std::mt19937_64 random(20240301);
+    const auto anyValue = [&] { return random() >> random() % 64; };
+    for (int round = 0; round < 300; ++round) {
+        ElfAssembler elf = kernelModule(ElfClass::k64);
+        for (int number = 0; number < 40; ++number)
+            elf.symbol("s" + std::to_string(number % 7), random() % 0x40, anyValue(),
+                       random() % 2 ? STB_LOCAL : STB_GLOBAL, random() % 3, elf.sectionAt(1));
+        use(elf.build());
     }
 }
 

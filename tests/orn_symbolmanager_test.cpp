@@ -816,5 +816,18 @@ TEST_F(OutOfMemoryTest, ASectionReportsItAndLeavesNothingBehind) {
     }));
 }
 
+TEST_F(OutOfMemoryTest, WhatFindsNoMemoryIsNotTakenForMissing) {
+    BankPtr bank;
+    ASSERT_EQ(loadInto(bank), status_Ok);
+    {
+        FailingAllocation failing(1);
+        SymMgrObjectPtr<ISection> section;
+        EXPECT_EQ(bank->sectionByName(".text", section), status_OutOfMemory);
+    }
+    FailingAllocation failing(1);
+    SymMgrObjectPtr<IIterator<ISegment*>> segments;
+    EXPECT_EQ(bank->segments(segments), status_OutOfMemory);
+}
+
 } // namespace
 } // namespace ORN_3_30::test

@@ -497,6 +497,33 @@ TEST_F(Tool, InfoListsTheCandidateOfADebugLinkWithItsState) {
     EXPECT_THAT(answerOf({"info", linked}), HasSubstr("checksum differs"));
 }
 
+TEST_F(Tool, InfoListsTheDebugFileOfABuildIdBeforeThatOfADebugLink) {
+    const std::string identified = s_directory->path("identified");
+    const ProcessResult compiled = orn_test::runProcess(
+        {"cc", "-g", "-x", "c", "-", "-Wl,--build-id=0x0123456789abcdef", "-o", identified},
+        "int main(void) { return 0; }");
+    ASSERT_EQ(compiled.exitStatus, 0) << compiled.error;
+    const std::string linked = s_directory->path("identified-and-linked");
+    const std::string debugFile = s_directory->path("identified.debug");
+    makeLinkedCopy(identified, linked, debugFile);
+
+    const json candidates = json::parse(answerOf({"info", "--json", linked}))["candidates"];
+    ASSERT_EQ(candidates.size(), 2U) << candidates;
+    EXPECT_EQ(candidates[0]["wanted"], ".build-id/01/23456789abcdef.debug");
+    EXPECT_EQ(candidates[0]["state"], 4);
+    EXPECT_EQ(candidates[0]["chosen"], false);
+    EXPECT_EQ(candidates[1]["wanted"], debugFile);
+    EXPECT_EQ(candidates[1]["state"], 1);
+    EXPECT_EQ(candidates[1]["chosen"], true);
+
+    // With its debug information inside, the module is a candidate too, and comes last.
+    const json own = json::parse(answerOf({"info", "--json", identified}))["candidates"];
+    ASSERT_GE(own.size(), 2U) << own;
+    EXPECT_EQ(own[0]["state"], 4);
+    EXPECT_EQ(own.back()["wanted"], identified);
+    EXPECT_EQ(own.back()["state"], 1);
+}
+
 // ---- symbols
 
 TEST_F(Tool, SymbolsListsEveryRangeWithItsBeginFirst) {

@@ -355,13 +355,8 @@ ISegment* FileFormatLoader::findSegmentByName(const char* name) {
 void FileFormatLoader::getSegments(SymMgrObjectPtr<IIterator<ISegment*>>& out) {
     using Segments = std::map<unsigned long long, Segment*>;
     using EveryOne = CFilter<Segment*, int>;
-    try {
-        ensureRead();
-        out = new MapIteratorWrapper<Segments, ISegment*, EveryOne, int>(m_segments, 0, nullptr);
-    } catch (const std::bad_alloc&) {
-        ORN_LOG_ERROR("Out of memory");
-        out = nullptr;
-    }
+    ensureRead();
+    out = new MapIteratorWrapper<Segments, ISegment*, EveryOne, int>(m_segments, 0, nullptr);
 }
 
 // --- FileFormatLoader: addresses and bytes

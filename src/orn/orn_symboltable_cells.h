@@ -104,7 +104,8 @@ private:
 class CellList {
 public:
     std::size_t size() const { return isArray() ? array()->count : m_entry != nullptr; }
-    bool isEmpty() const { return m_entry == nullptr; }
+    /// Room that was reserved does not count.
+    bool isEmpty() const { return size() == 0; }
     CellEntry* const* begin() const { return isArray() ? array()->entries() : &m_entry; }
     CellEntry* const* end() const { return begin() + size(); }
     CellEntry* operator[](std::size_t index) const { return begin()[index]; }
@@ -135,7 +136,7 @@ private:
         m_entry = reinterpret_cast<CellEntry*>(reinterpret_cast<std::uintptr_t>(array) + arrayTag);
     }
 
-    CellEntry* m_entry; ///< the only entry, or the tagged address of an array; null: an empty cell
+    CellEntry* m_entry; ///< the only entry, or the tagged address of an array; null: nothing, and no room
 };
 
 /// One stretch of address space, from its key to the key of the next cell, and what covers it. A cell without
