@@ -14,6 +14,24 @@
 
 namespace ORN_3_30 {
 
+namespace {
+
+/// Number of the first of `count` ascending elements that does not start below `address`. Without branches
+/// that depend on the data, as the processor cannot guess them.
+template <typename Element, typename StartOf>
+std::size_t countBelow(const Element* elements, std::size_t count, unsigned long long address,
+                       const StartOf& startOf) {
+    const Element* first = elements;
+    while (count > 1) {
+        const std::size_t half = count / 2;
+        first += startOf(first[half - 1]) < address ? half : 0;
+        count -= half;
+    }
+    return static_cast<std::size_t>(first - elements) + (startOf(*first) < address);
+}
+
+} // namespace
+
 void FoundLocators::pushToMany(const FoundLocator& found) {
     if (m_many.empty())
         m_many.assign(m_few.begin(), m_few.end());
@@ -199,10 +217,9 @@ bool SrcLocatorList::isSame(const SrcLocator& left, const SrcLocator& right) con
 
 void SrcLocatorList::indexEnds() {
     const std::size_t blocks = (m_rows.size() + rowsOfBlock - 1) / rowsOfBlock;
-    m_blockStarts.reserve(blocks);
-    m_blockEnds.reserve(blocks);
-    m_greatestEndSoFar.reserve(blocks);
-    m_groupEnds.assign((blocks + blocksOfGroup - 1) / blocksOfGroup, 0);
+    m_blocks.reserve(blocks);
+    m_groupStarts.reserve((blocks + blocksOfGroup - 1) / blocksOfGroup);
+    m_stretchEnds.assign((blocks + blocksOfStretch - 1) / blocksOfStretch, 0);
     unsigned long long greatest = 0;
     for (std::size_t block = 0; block < blocks; ++block) {
         const std::size_t first = block * rowsOfBlock;
@@ -211,30 +228,27 @@ void SrcLocatorList::indexEnds() {
         for (std::size_t position = first; position < last; ++position)
             end = std::max(end, endOf(m_rows[position]));
         greatest = std::max(greatest, end);
-        m_blockStarts.push_back(m_rows[first].address);
-        m_blockEnds.push_back(end);
-        m_greatestEndSoFar.push_back(greatest);
-        auto& groupEnd = m_groupEnds[block / blocksOfGroup];
-        groupEnd = std::max(groupEnd, end);
+        m_blocks.push_back({m_rows[first].address, end, greatest});
+        if (block % blocksOfGroup == 0)
+            m_groupStarts.push_back(m_rows[first].address);
+        auto& stretchEnd = m_stretchEnds[block / blocksOfStretch];
+        stretchEnd = std::max(stretchEnd, end);
     }
 }
 
-/// Searches the starts of blocks without branches that depend on the data, as the processor cannot guess
-/// them, then the one block that can hold the position.
+/// From the starts of groups, which stay in the inner caches, to a block, to the position.
 std::size_t SrcLocatorList::lowerBound(unsigned long long address) const {
     if (m_rows.empty())
         return 0;
-    const unsigned long long* start = m_blockStarts.data();
-    for (std::size_t count = m_blockStarts.size(); count > 1;) {
-        const std::size_t half = count / 2;
-        start += start[half - 1] < address ? half : 0;
-        count -= half;
-    }
-    std::size_t block = static_cast<std::size_t>(start - m_blockStarts.data());
-    block += *start < address;
-    // `block` is the first one that starts at `address` or above; the position may lie in the one before.
-    if (block == 0)
+    const std::size_t group = countBelow(m_groupStarts.data(), m_groupStarts.size(), address,
+                                         [](unsigned long long start) { return start; });
+    if (group == 0)
         return 0;
+    const std::size_t firstBlock = (group - 1) * blocksOfGroup;
+    const std::size_t blocks = std::min(blocksOfGroup, m_blocks.size() - firstBlock);
+    const std::size_t block = firstBlock + countBelow(&m_blocks[firstBlock], blocks, address,
+                                                      [](const Block& candidate) { return candidate.start; });
+    // This block starts at `address` or above, the one before it below: the position may lie in that one.
     const std::size_t last = std::min(block * rowsOfBlock, m_rows.size());
     std::size_t position = (block - 1) * rowsOfBlock;
     while (position < last && m_rows[position].address < address)

@@ -154,11 +154,12 @@ public:
     void visitReaching(std::size_t position, unsigned long long low, const Visit& visit) const {
         std::size_t block = position / rowsOfBlock;
         visitBlock(block * rowsOfBlock, position, low, visit);
-        while (block > 0 && m_greatestEndSoFar[block - 1] > low) {
+        while (block > 0 && m_blocks[block - 1].greatestEndSoFar > low) {
             --block;
-            if (block % blocksOfGroup == blocksOfGroup - 1 && m_groupEnds[block / blocksOfGroup] <= low)
-                block -= blocksOfGroup - 1;
-            else if (m_blockEnds[block] > low)
+            if (block % blocksOfStretch == blocksOfStretch - 1 &&
+                m_stretchEnds[block / blocksOfStretch] <= low)
+                block -= blocksOfStretch - 1;
+            else if (m_blocks[block].end > low)
                 visitBlock(block * rowsOfBlock, (block + 1) * rowsOfBlock, low, visit);
         }
     }
@@ -185,9 +186,17 @@ public:
 
 private:
     static constexpr std::size_t rowsOfBlock = 16;
-    static constexpr std::size_t blocksOfGroup = 32;
+    static constexpr std::size_t blocksOfGroup = 8;
+    static constexpr std::size_t blocksOfStretch = 64;
 
     struct Segment;
+    /// What a search needs to know of neighbouring rows. All in one place, since each place costs a trip to
+    /// memory.
+    struct Block {
+        unsigned long long start;
+        unsigned long long end;              ///< the greatest of its rows
+        unsigned long long greatestEndSoFar; ///< of all blocks up to and with this one
+    };
 
     template <typename Visit>
     void visitBlock(std::size_t first, std::size_t last, unsigned long long low, const Visit& visit) const {
@@ -209,11 +218,9 @@ private:
     std::vector<SrcLocator> m_rows;
     std::vector<WideLocatorPart> m_wide;
 
-    // Per block of rows, and for m_groupEnds per group of blocks.
-    std::vector<unsigned long long> m_blockStarts;
-    std::vector<unsigned long long> m_blockEnds;
-    std::vector<unsigned long long> m_greatestEndSoFar; ///< of all blocks up to and with this one
-    std::vector<unsigned long long> m_groupEnds;
+    std::vector<Block> m_blocks;
+    std::vector<unsigned long long> m_groupStarts;
+    std::vector<unsigned long long> m_stretchEnds;
 
     std::vector<std::uint32_t> m_positions;
     std::vector<Group> m_groups;
