@@ -7,6 +7,10 @@
 #include "orn_linetable_impl.h"
 #include "orn_sourceline_impl.h"
 
+#include <atomic>
+#include <string>
+#include <thread>
+
 namespace ORN_3_30::test {
 namespace {
 
@@ -277,6 +281,36 @@ TEST_F(LineResolverTest, LoadsRunUnderTheLoadingLock) {
     EXPECT_EQ(nullptr, locationAt(0x1000));
     EXPECT_EQ(1, depth);
     EXPECT_EQ(0, lock.depth);
+}
+
+TEST_F(LineResolverTest, ThreadsMayLoadUnitsAndAskForLinesAtTheSameTime) {
+    constexpr unsigned units = 40;
+    OrnLock loadLock;
+    resolver->setScope(nullptr, &loadLock);
+    for (unsigned i = 1; i <= units; ++i) {
+        FakeUnit& unit = debugInfo->addUnit(i * 0x100);
+        unit.program = [this, i, &unit] {
+            const unsigned fileId = resolver->registerFile(unit, "/src/" + std::to_string(i), 0, 0);
+            for (unsigned row = 0; row < 64; ++row)
+                resolver->lineTable()->addLineRange(i * 0x100, fileId, row, 0, i * 0x1000 + row, 1, 0);
+        };
+    }
+    std::atomic<unsigned> found = 0;
+    const auto ask = [this, &found](unsigned first) {
+        for (unsigned step = 0; step < units; ++step) {
+            const unsigned i = (first + step * 7) % units + 1;
+            SymMgrObjectPtr<ISourceLocation> location;
+            resolver->sourceLocationAt(location, i * 0x1000 + 20, i * 0x100, nullptr, nullptr);
+            if (location && location->line() == 20 && location->file()->name() == "/src/" + std::to_string(i))
+                ++found;
+        }
+    };
+    std::vector<std::thread> threads;
+    for (unsigned thread = 0; thread < 4; ++thread)
+        threads.emplace_back(ask, thread * 11);
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(4 * units, found);
 }
 
 TEST_F(LineResolverTest, ANewScopeTakesThePlaceOfTheOld) {

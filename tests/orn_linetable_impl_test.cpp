@@ -133,6 +133,7 @@ TEST_F(LineTableTest, ARepetitionIsDroppedAlsoAcrossQueries) {
     EXPECT_THAT(numbersOf(linesAt(0x1000)), ElementsAre(5));
     add(5, 0x1000, 0x1010);
     EXPECT_THAT(numbersOf(linesAt(0x1000)), ElementsAre(5));
+    EXPECT_EQ(1u, inside().locatorCount());
 }
 
 TEST_F(LineTableTest, LinesThatDifferInTheTagAloneStayApart) {
@@ -280,6 +281,16 @@ TEST_F(LineTableTest, ALongLineIsFoundBehindManyShortOnes) {
     EXPECT_THAT(numbersOf(linesAt(0x80000)), ElementsAre(1));
 }
 
+TEST_F(LineTableTest, ALongLineIsFoundWhereverItStands) {
+    for (unsigned place = 0; place < 2100; place += 7) {
+        table = newTable();
+        for (unsigned i = 0; i < 4000; ++i)
+            add(i == place ? 1 : 2, 0x1000 + i * 4, i == place ? 0x100000 : 0x1000 + i * 4 + 4);
+        ASSERT_THAT(numbersOf(linesAt(0x80000)), ElementsAre(1)) << place;
+        ASSERT_THAT(numbersOf(linesAt(0x1000 + 3999 * 4)), ElementsAre(1, 2)) << place;
+    }
+}
+
 // Queries for an interval
 
 TEST_F(LineTableTest, AnIntervalFindsWhatOverlapsItHalfOpen) {
@@ -360,6 +371,25 @@ TEST_F(LineTableTest, ResetStartsAWideIterationAnew) {
     lines->reset();
     EXPECT_EQ(once, answersOf(lines));
     EXPECT_EQ(4000u, once.size());
+}
+
+TEST_F(LineTableTest, AQueryForMostOfAFileOrOfTheTableIsWide) {
+    for (unsigned i = 0; i < 4000; ++i)
+        add(i, 0x1000 + i, 0x1001 + i, i % 3);
+    EXPECT_TRUE(inside().isWide({0, ~0ULL, everyUnit, everyFile}));
+    EXPECT_TRUE(inside().isWide({0, ~0ULL, everyUnit, 1}));
+    EXPECT_FALSE(inside().isWide({0x1000, 0x1000, everyUnit, everyFile}));
+    EXPECT_FALSE(inside().isWide({0x1000, 0x1010, everyUnit, 1}));
+    EXPECT_FALSE(inside().isWide({0x2000, 0x1000, everyUnit, everyFile}));
+}
+
+TEST_F(LineTableTest, AdditionsThatAlternateWithQueriesLeaveFewLists) {
+    for (unsigned i = 0; i < 3000; ++i) {
+        add(i, 0x1000 + i, 0x1001 + i);
+        ASSERT_THAT(numbersOf(linesAt(0x1000 + i)), ElementsAre(i));
+    }
+    EXPECT_LE(inside().listsByFile().size(), 12u);
+    EXPECT_EQ(3000u, inside().locatorCount());
 }
 
 // Against the slow table

@@ -131,9 +131,11 @@ private:
                });
     }
 
-    /// Follows the order from cell to cell: each took over what the cell before it held when it was made.
+    /// Follows the order from cell to cell. A cell took over, in their order, those that reached past its
+    /// start when it was made; the others came in one by one. Strictly it took them over from the cell that
+    /// lay before it then; a cell made in between changes nothing, as it took them over in the same way.
     void orderByCells(std::vector<const TiedLocator*>& ordered, const FoundLocator& found) const {
-        for (const Cell& cell : cellsThatHandedOn(found)) {
+        for (const Cell& cell : cellsBetween(found)) {
             const auto cameLater =
                 std::stable_partition(ordered.begin(), ordered.end(), [&cell](const TiedLocator* locator) {
                     return locator->reached(cell.start) < cell.made;
@@ -145,19 +147,7 @@ private:
         }
     }
 
-    /// The first cell of the query, before it the cell that lay before it when it was made, and so on down to
-    /// the locators' own cell, which is left out; in ascending order.
-    std::vector<Cell> cellsThatHandedOn(const FoundLocator& found) const {
-        const std::vector<Cell> cells = cellsBetween(found);
-        std::vector<Cell> chain;
-        for (auto cell = cells.rbegin(); cell != cells.rend(); ++cell)
-            if (chain.empty() || cell->made < chain.back().made)
-                chain.push_back(*cell);
-        std::reverse(chain.begin(), chain.end());
-        return chain;
-    }
-
-    /// The cells of the locators' file and unit behind their own one, up to the query's low end.
+    /// The cells of the locators' file and unit behind their own one, up to the query's low end, ascending.
     std::vector<Cell> cellsBetween(const FoundLocator& found) const {
         std::vector<Cell> cells;
         for (const auto& list : m_lists)
