@@ -2,11 +2,11 @@
 // Clients compiled against earlier headers rely on both. The goldens are made with ORN_UPDATE_GOLDEN=1 in the
 // environment and read by a person before they are committed.
 
+#include "support/command.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -15,21 +15,9 @@
 
 namespace {
 
-const std::string sourceDir = ORN_SOURCE_DIR;
+using orn_test::commandOutput;
 
-std::string outputOf(const std::string& command, int& exitStatus) {
-    std::string text;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (!pipe) {
-        exitStatus = -1;
-        return text;
-    }
-    std::array<char, 4096> part;
-    while (const std::size_t count = fread(part.data(), 1, part.size(), pipe))
-        text.append(part.data(), count);
-    exitStatus = pclose(pipe);
-    return text;
-}
+const std::string sourceDir = ORN_SOURCE_DIR;
 
 std::vector<std::string> linesOf(const std::string& text) {
     std::vector<std::string> lines;
@@ -107,7 +95,7 @@ std::string sortedByClass(const std::string& operations) {
 TEST(BinaryInterface, TheSharedLibraryExportsTheseSymbolsAndNoOthers) {
     int exitStatus = 0;
     const std::string listing =
-        outputOf("nm -D --defined-only -C --format=posix '" ORN_LIBRARY_PATH "'", exitStatus);
+        commandOutput("nm -D --defined-only -C --format=posix '" ORN_LIBRARY_PATH "'", &exitStatus);
     ASSERT_EQ(0, exitStatus);
     std::vector<std::string> names;
     for (const auto& line : linesOf(listing)) {
@@ -128,14 +116,14 @@ TEST(BinaryInterface, TheSharedLibraryExportsTheseSymbolsAndNoOthers) {
 
 TEST(BinaryInterface, VirtualOperationsKeepTheirOrder) {
     int exitStatus = 0;
-    outputOf("clang++ --version 2>/dev/null", exitStatus);
+    commandOutput("clang++ --version 2>/dev/null", &exitStatus);
     if (exitStatus != 0)
         GTEST_SKIP() << "clang lists the layouts, and it is not installed";
     const std::string listing =
-        outputOf("clang++ -std=c++20 -I'" + sourceDir + "/include' -I'" + sourceDir +
-                     "/src/orn' -x c++ -S -emit-llvm -o /dev/null -Xclang -fdump-vtable-layouts '" +
-                     sourceDir + "/tests/support/vtable_layouts.cc' 2>&1",
-                 exitStatus);
+        commandOutput("clang++ -std=c++20 -I'" + sourceDir + "/include' -I'" + sourceDir +
+                          "/src/orn' -x c++ -S -emit-llvm -o /dev/null -Xclang -fdump-vtable-layouts '" +
+                          sourceDir + "/tests/support/vtable_layouts.cc' 2>&1",
+                      &exitStatus);
     ASSERT_EQ(0, exitStatus) << listing;
     compareWithGolden("virtual_operations.txt", sortedByClass(operationsFromListing(linesOf(listing))));
 }

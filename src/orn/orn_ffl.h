@@ -132,10 +132,18 @@ protected:
     /// has no reader and is not tried again.
     std::map<FileIdentity, IDebugInfoLoader*> m_debugInfoLoaders;
     std::vector<SymMgrObjectPtr<ISymbolFileToResolve>> m_symbolFiles;
-    std::map<unsigned long long, Segment*> m_segments; ///< by key address, owned
-    std::map<unsigned long long, Section*> m_sections; ///< by address, owned
+    std::map<unsigned long long, Segment*> m_segments; ///< by key address, owned; no two of them overlap
+    std::map<unsigned long long, Section*> m_sections; ///< by address, holding one reference each
     /// Sections that another one of the same address replaced: someone may still hold them.
     std::vector<Section*> m_replacedSections;
+
+private:
+    void dropOverlappedSegments(unsigned long long key, unsigned long long memorySize);
+    void storeSegment(unsigned long long key, Segment* segment);
+
+    /// Memory sizes of the segments whose kind is not 0, which nothing pushes out, by their keys. A lookup
+    /// here keeps a file with tens of thousands of segments from being walked once for each of them.
+    std::map<unsigned long long, unsigned long long> m_lastingSegments;
 };
 
 /// What all debug info loaders share: the counted format loader, whose entry goes when the loader dies.

@@ -8,11 +8,11 @@
 #include "orn_file.h"
 
 #include "orn_filename.h"
+#include "orn_log.h"
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <new>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -109,7 +109,7 @@ file_op_status_t fileStatusFromErrno(int error) noexcept {
 
 // LinuxFile
 
-LinuxFile* LinuxFile::open(const char* path, int flags, file_op_status_t& status) noexcept {
+LinuxFile* LinuxFile::open(const char* path, int flags, file_op_status_t& status) {
     if (isNullOrEmpty(path)) {
         status = fosInvalidArgument;
         return nullptr;
@@ -119,11 +119,7 @@ LinuxFile* LinuxFile::open(const char* path, int flags, file_op_status_t& status
         status = fileStatusFromErrno(errno);
         return nullptr;
     }
-    auto* file = new (std::nothrow) LinuxFile(descriptor.get());
-    if (!file) {
-        status = fosOutOfMemory;
-        return nullptr;
-    }
+    auto* file = new LinuxFile(descriptor.get());
     descriptor.release();
     status = fosOK;
     return file;
@@ -207,7 +203,8 @@ std::int64_t LinuxFile::fail() noexcept {
 // File
 
 File::File(const char* path) : m_impl(nullptr), m_name(path ? path : ""), m_status(fosOK) {
-    m_impl = LinuxFile::open(path, O_RDONLY, m_status);
+    // O_NONBLOCK matters to a pipe under a module's name alone: opening one would wait for a writer.
+    m_impl = LinuxFile::open(path, O_RDONLY | O_NONBLOCK, m_status);
 }
 
 File::~File() {

@@ -9,6 +9,7 @@
 #include "orn_filename.h"
 
 #include "orn_file.h"
+#include "orn_log.h"
 
 #include <utility>
 #include <vector>
@@ -261,9 +262,9 @@ void UnixFilenameParser::makeAbsolute(std::string& out, const std::string& path,
 
 // FileName
 
-FileName::FileName(std::string text, const IFilenameParser* parser, path_style_t style)
-    : m_text(std::move(text)),
-      m_parser(parser ? parser : &parserOfStyle(style, m_text)),
+FileName::FileName(const std::string& text, const IFilenameParser* parser, path_style_t style)
+    : m_text(text),
+      m_parser(parser ? parser : &parserOfStyle(style, text)),
       m_style(m_parser->style()) {}
 
 // Free functions

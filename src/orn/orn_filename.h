@@ -65,7 +65,7 @@ public:
 /// is given, else by `style`, else by the text.
 class FileName {
 public:
-    explicit FileName(std::string text, const IFilenameParser* parser = nullptr,
+    explicit FileName(const std::string& text, const IFilenameParser* parser = nullptr,
                       path_style_t style = pathStyle_Detect);
 
     const std::string& text() const noexcept { return m_text; }

@@ -1,0 +1,32 @@
+// Arrays whose sizes come out of ELF files.
+#ifndef ORN_ELF_ALLOC_H
+#define ORN_ELF_ALLOC_H
+
+#include "orn_log.h"
+
+#include <memory>
+#include <new>
+
+namespace ORN_3_30::internal {
+
+/// A process on a 64-bit host has 47 bits of addresses: a larger block cannot be, and allocators with checks
+/// of their own do not throw then but give up.
+constexpr unsigned long long largestElfBlock = 1ULL << 47;
+
+/// Array new without clearing. A refusal is logged, since the caller at the top sees a status alone, and
+/// thrown on.
+template <typename T>
+std::unique_ptr<T[]> allocateArray(unsigned long long count) {
+    try {
+        if (count > largestElfBlock / sizeof(T))
+            throw std::bad_alloc();
+        return std::unique_ptr<T[]>(new T[count]);
+    } catch (const std::bad_alloc&) {
+        ORN_LOG_ERROR("can't allocate memory: " << count * sizeof(T));
+        throw;
+    }
+}
+
+} // namespace ORN_3_30::internal
+
+#endif
