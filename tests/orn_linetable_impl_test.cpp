@@ -282,7 +282,7 @@ TEST_F(LineTableTest, ALongLineIsFoundBehindManyShortOnes) {
 }
 
 TEST_F(LineTableTest, ALongLineIsFoundWhereverItStands) {
-    for (unsigned place = 0; place < 2100; place += 7) {
+    for (unsigned place = 0; place < 2100; place += 13) {
         table = newTable();
         for (unsigned i = 0; i < 4000; ++i)
             add(i == place ? 1 : 2, 0x1000 + i * 4, i == place ? 0x100000 : 0x1000 + i * 4 + 4);
@@ -434,7 +434,7 @@ protected:
 };
 
 TEST_F(LineTableAgainstReference, CrowdedTablesGiveTheSameAnswersInTheSameOrder) {
-    for (int round = 0; round < 4000 && !HasFatalFailure(); ++round) {
+    for (int round = 0; round < 1500 && !HasFatalFailure(); ++round) {
         table = newTable();
         reference = ReferenceLineTable();
         const unsigned addresses = 1 + pick(12);
@@ -451,7 +451,7 @@ TEST_F(LineTableAgainstReference, CrowdedTablesGiveTheSameAnswersInTheSameOrder)
 }
 
 TEST_F(LineTableAgainstReference, TiesInOneFileAndUnitKeepTheOrderOfTheirCells) {
-    for (int round = 0; round < 6000 && !HasFatalFailure(); ++round) {
+    for (int round = 0; round < 2500 && !HasFatalFailure(); ++round) {
         table = newTable();
         reference = ReferenceLineTable();
         const unsigned rows = 1 + pick(25);

@@ -59,7 +59,7 @@ LineTable::~LineTable() {
 void* LineTable::addLineRange(unsigned long long unitId, unsigned fileId, unsigned line, unsigned column,
                               unsigned long long address, unsigned long long size, unsigned long long tag) {
     SrcRangeMgr* rangeMgr = rangeMgrOf(fileId);
-    if (!ORN_ASSERT(rangeMgr != 0L))
+    if (!ORN_ASSERT_TEXT(rangeMgr, "rangeMgr != 0L"))
         return nullptr;
     SrcRange* range = rangeOf(*rangeMgr, fileId, unitId);
     const unsigned long long sum = address + size;

@@ -86,6 +86,7 @@ public:
     void order(FoundLocator* first, FoundLocator* last) {
         const std::vector<TiedLocator> tied = collectTied(*first);
         std::vector<const TiedLocator*> ordered;
+        ordered.reserve(tied.size());
         for (const TiedLocator& locator : tied)
             ordered.push_back(&locator);
         std::sort(ordered.begin(), ordered.end(), [](const TiedLocator* left, const TiedLocator* right) {

@@ -8,6 +8,7 @@
 #include "orn/source.h"
 #include "orn/symbol.h"
 #include "orn_address.h"
+#include "support/fake_loader.h"
 
 #include <deque>
 #include <functional>
@@ -18,48 +19,9 @@
 namespace ORN_3_30::test {
 
 /// A module of which only the image base matters.
-class FakeModule : public SymMgrObject<IFileFormatLoader> {
+class FakeModule : public FakeLoader {
 public:
-    explicit FakeModule(unsigned long long imageBase = 0)
-        : SymMgrObject<IFileFormatLoader>(nullptr), m_imageBase(imageBase) {}
-
-    status_t getSymbolFiles(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolFileToResolve>>>&) override {
-        return status_NotImpl;
-    }
-    status_t getDebugInfoLoader(SymMgrObjectPtr<IDebugInfoLoader>&, long long) override {
-        return status_NotImpl;
-    }
-    const char* getPath() override { return ""; }
-    exec_format_t getExecFormat() override { return exec_format_elf; }
-    arch_t getArch() override { return static_cast<arch_t>(0); }
-    unsigned long long getImageBase() override { return m_imageBase; }
-    unsigned long long getEntryPoint() override { return 0; }
-    unsigned long long getImageSize() override { return 0; }
-    status_t readSymbols(ISymbolTable*, LoadFilter*, symbol_kind_t) override { return status_NotImpl; }
-    status_t getStatus() override { return status_Ok; }
-    ISegment* findSegment(unsigned long long) override { return nullptr; }
-    ISegment* getSegmentAt(int) override { return nullptr; }
-    ISegment* findSegmentByFileOffset(unsigned long long) override { return nullptr; }
-    ISection* findSection(unsigned long long) override { return nullptr; }
-    status_t readBytes(unsigned long long, unsigned long long, SymMgrObjectPtr<IBuffer>&) override {
-        return status_NotImpl;
-    }
-    status_t getAddress(SymMgrObjectPtr<IAddress>& out, unsigned long long address) override {
-        out = new Address(this, address, nullptr);
-        return status_Ok;
-    }
-    status_t getAddressOfFileOffset(SymMgrObjectPtr<IAddress>&, unsigned long long) override {
-        return status_NotImpl;
-    }
-    void getSegments(SymMgrObjectPtr<IIterator<ISegment*>>&) override {}
-    ISegment* findSegmentByName(const char*) override { return nullptr; }
-    void getSectionByName(SymMgrObjectPtr<ISection>&, const char*) override {}
-    void getSectionByIndex(SymMgrObjectPtr<ISection>&, unsigned) override {}
-    const char* getKernelName() override { return ""; }
-    bool isReadyToRun() override { return false; }
-
-private:
-    unsigned long long m_imageBase;
+    explicit FakeModule(unsigned long long base = 0) { imageBase = base; }
 };
 
 /// A unit whose line program is a function of the test.
