@@ -44,8 +44,8 @@ Scope::~Scope() {
 void Scope::releaseContent() {
     if (!m_extras)
         return;
-    m_extras->table = nullptr;
-    m_extras->thunks.clear();
+    m_extras->m_symbolTable = nullptr;
+    m_extras->m_thunks.clear();
 }
 
 Scope::Extras& Scope::extras() {
@@ -55,18 +55,18 @@ Scope::Extras& Scope::extras() {
 }
 
 ILock* Scope::tableLock() {
-    return &extras().lock;
+    return &extras().m_lock;
 }
 
 ISymbolTable* Scope::symbolTable() {
     Extras& mine = extras();
-    if (!mine.table)
-        mine.table = new SymbolTable(this, &mine.lock);
-    return mine.table;
+    if (!mine.m_symbolTable)
+        mine.m_symbolTable = new SymbolTable(this, &mine.m_lock);
+    return mine.m_symbolTable;
 }
 
 Scope::Thunks* Scope::thunks() {
-    return &extras().thunks;
+    return &extras().m_thunks;
 }
 
 // The three queries below share their steps: load what the mask asks for, ask the table, say whether there

@@ -112,7 +112,7 @@ public:
     void thunkAt(unsigned long long address, SymMgrObjectPtr<IThunk>& out);
 
     Scope* parentScope() const { return m_parent; }
-    bool hasThunks() const { return m_extras && !m_extras->thunks.empty(); }
+    bool hasThunks() const { return m_extras && !m_extras->m_thunks.empty(); }
     /// A table has taken the scope for good; a scope enters one table once.
     bool isOwnedByTable() const { return m_ownedByTable; }
     void setOwnedByTable() { m_ownedByTable = true; }
@@ -133,9 +133,9 @@ protected:
 private:
     /// What most scopes never need. A module has one scope per symbol, so every byte in Scope itself counts.
     struct Extras {
-        OrnLock lock; ///< guards the count of the table; declared first, it dies last
-        Thunks thunks;
-        SymMgrObjectPtr<ISymbolTable> table;
+        OrnLock m_lock;  ///< guards the count of the table; declared first, it dies last
+        Thunks m_thunks; ///< in order of arrival
+        SymMgrObjectPtr<ISymbolTable> m_symbolTable;
     };
 
     Extras& extras();

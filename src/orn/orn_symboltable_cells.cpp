@@ -70,7 +70,7 @@ void CellList::reserve(ListStore& store, std::size_t count) {
 }
 
 void CellList::insert(ListStore& store, std::size_t index, CellEntry* entry) {
-    if (isEmpty()) {
+    if (!m_entry) {
         m_entry = entry;
         return;
     }

@@ -97,7 +97,7 @@ private:
 class CellList {
 public:
     std::size_t size() const { return isArray() ? array()->count : m_entry != nullptr; }
-    bool isEmpty() const { return m_entry == nullptr; }
+    bool isEmpty() const { return size() == 0; }
     CellEntry* const* begin() const { return isArray() ? array()->entries() : &m_entry; }
     CellEntry* const* end() const { return begin() + size(); }
     CellEntry* operator[](std::size_t index) const { return begin()[index]; }
