@@ -47,9 +47,9 @@ void Scope::releaseContent() {
     Extras* mine = m_extras.load(std::memory_order_acquire);
     if (!mine)
         return;
-    if (ISymbolTable* table = mine->table.exchange(nullptr))
+    if (ISymbolTable* table = mine->m_symbolTable.exchange(nullptr))
         table->release();
-    mine->thunks.clear();
+    mine->m_thunks.clear();
 }
 
 Scope::Extras& Scope::extras() {
@@ -64,10 +64,10 @@ Scope::Extras& Scope::extras() {
 
 ISymbolTable* Scope::symbolTable() {
     Extras& mine = extras();
-    ISymbolTable* table = mine.table.load(std::memory_order_acquire);
+    ISymbolTable* table = mine.m_symbolTable.load(std::memory_order_acquire);
     if (!table) {
-        SymMgrObjectPtr<ISymbolTable> made = new SymbolTable(this, &mine.lock);
-        if (mine.table.compare_exchange_strong(table, made.get(), std::memory_order_acq_rel)) {
+        SymMgrObjectPtr<ISymbolTable> made = new SymbolTable(this, &mine.m_lock);
+        if (mine.m_symbolTable.compare_exchange_strong(table, made.get(), std::memory_order_acq_rel)) {
             table = made;
             table->addRef(); // the scope's reference
         }
@@ -76,7 +76,7 @@ ISymbolTable* Scope::symbolTable() {
 }
 
 Scope::Thunks* Scope::thunks() {
-    return &extras().thunks;
+    return &extras().m_thunks;
 }
 
 // The three queries below share their steps: load what the mask asks for, ask the table, say whether there

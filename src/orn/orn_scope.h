@@ -114,7 +114,7 @@ public:
     Scope* parentScope() const { return m_parent; }
     bool hasThunks() const {
         const Extras* mine = m_extras.load(std::memory_order_acquire);
-        return mine && !mine->thunks.empty();
+        return mine && !mine->m_thunks.empty();
     }
     /// A table has taken the scope for good; a scope enters one table once.
     bool isOwnedByTable() const { return m_ownedByTable; }
@@ -134,9 +134,9 @@ protected:
 private:
     /// What most scopes never need. A module has one scope per symbol, so every byte in Scope itself counts.
     struct Extras {
-        OrnLock lock; ///< guards the count of the table
-        Thunks thunks;
-        std::atomic<ISymbolTable*> table{nullptr}; ///< holds a reference
+        OrnLock m_lock;                                    ///< guards the count of the table
+        Thunks m_thunks;                                   ///< in order of arrival
+        std::atomic<ISymbolTable*> m_symbolTable{nullptr}; ///< holds a reference
     };
 
     Extras& extras();

@@ -218,11 +218,13 @@ bool NonOverlappedSymbolRangesIterator::giveUp() {
     return false;
 }
 
-/// Who wins at the cursor. A selector may run queries, and these may load.
+/// Who wins at the cursor. A selector may run queries, and these may load. It may also choose a symbol whose
+/// first entry here ends in front of the cursor: that entry is no winner, or the walk would turn back and
+/// never end.
 CellEntry* NonOverlappedSymbolRangesIterator::chooseHere() {
     CellEntry* chosen = m_table->choose(m_cell, m_cursor, m_mask, m_selector);
     followChanges();
-    return chosen;
+    return chosen && SymbolTable::covers(*chosen, m_cursor) ? chosen : nullptr;
 }
 
 /// False if that is the end cell.
