@@ -173,5 +173,11 @@ TEST_F(PlainSymbolTest, MemoryThatIsRefusedLeavesTheTableWhole) {
     EXPECT_FALSE(names().empty());
 }
 
+TEST_F(PlainSymbolTest, TableThatCannotBeMadeIsNullAndReported) {
+    expectLog("Out of memory");
+    FailingAllocation failing(1);
+    EXPECT_EQ(ISymbolTable::create(&module), nullptr);
+}
+
 } // namespace
 } // namespace ORN_3_30::test

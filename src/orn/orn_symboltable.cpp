@@ -161,7 +161,12 @@ private:
 };
 
 ISymbolTable* ISymbolTable::create(Scope* scope) {
-    return new SymbolTable(scope, nullptr);
+    try {
+        return new SymbolTable(scope, nullptr);
+    } catch (const std::bad_alloc&) {
+        ORN_LOG_ERROR("Out of memory");
+        return nullptr;
+    }
 }
 
 SymbolTable::SymbolTable(Scope* scope, ILock* lock)
