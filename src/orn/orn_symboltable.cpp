@@ -120,8 +120,9 @@ ILock* makeScopeLock() {
 
 } // namespace
 
-/// Who asks to enter the table: a scope with one of its intervals, or a plain symbol, whose scope is made
-/// only if somebody has to look at it.
+/// Who asks to enter the table: a scope with one of its intervals, or a plain symbol. The scope of a plain
+/// one is made only if an entry has to compare itself with it, and goes with the newcomer: should it be asked
+/// for, it is made again. An entry that held it could be left behind by an allocation that fails.
 class SymbolTable::Newcomer {
 public:
     Newcomer(unsigned long long start, unsigned long long end, Scope* scope)
@@ -134,17 +135,15 @@ public:
     const unsigned long long end;
 
     const PlainSymbol* plain() const { return m_plain; }
-    /// Null while a plain symbol has none.
-    Scope* knownScope() const { return m_scope; }
+    /// The scope for the entry to hold; null for a plain symbol.
+    Scope* lastingScope() const { return m_scope; }
     Scope* scope() {
-        if (!m_scope) {
+        if (m_scope)
+            return m_scope;
+        if (!m_made)
             m_made.reset(newPlainScope(*m_loader, m_parent, *m_plain, start, end));
-            m_scope = m_made.get();
-        }
-        return m_scope;
+        return m_made.get();
     }
-    /// The scope that was made on the way, for the table to own.
-    std::unique_ptr<Scope>& made() { return m_made; }
     std::uint32_t nameHash() const { return m_plain ? hashOfName(m_plain->name) : hashOfName(*m_scope); }
 
     /// The rule of plain symbols, without their scopes.
@@ -162,7 +161,12 @@ private:
 };
 
 ISymbolTable* ISymbolTable::create(Scope* scope) {
-    return new SymbolTable(scope, nullptr);
+    try {
+        return new SymbolTable(scope, nullptr);
+    } catch (const std::bad_alloc&) {
+        ORN_LOG_ERROR("Out of memory");
+        return nullptr;
+    }
 }
 
 SymbolTable::SymbolTable(Scope* scope, ILock* lock)
@@ -195,7 +199,9 @@ int SymbolTable::takeScope(Scope* scope, const Add& add) {
     if (add())
         return 1;
     if (!wasOwned) {
-        m_scopes.pop_back();
+        // Not the last one any more if scopes of plain symbols were made on the way.
+        auto behind = std::find(m_scopes.rbegin(), m_scopes.rend(), scope).base();
+        m_scopes.erase(std::prev(behind));
         delete scope;
     }
     return 0;
@@ -228,11 +234,7 @@ void SymbolTable::addPlainSymbol(IFileFormatLoader& loader, const PlainSymbol& s
     }
     m_plainLoader = &loader;
     Newcomer newcomer(low, high, symbol, loader, m_scope);
-    CellEntry* entry = addEntry(newcomer);
-    if (newcomer.made() && entry->scope == newcomer.knownScope()) {
-        m_scopes.push_back(newcomer.knownScope());
-        newcomer.made().release()->setOwnedByTable();
-    }
+    addEntry(newcomer);
 }
 
 SymbolScope* SymbolTable::newPlainScope(IFileFormatLoader& loader, Scope* parent, const PlainSymbol& symbol,
@@ -400,7 +402,7 @@ CellEntry* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scop
 
 CellEntry* SymbolTable::newEntry(const Newcomer& newcomer) {
     CellEntry* entry = m_entryPool.allocate();
-    *entry = {newcomer.start, newcomer.end, newcomer.knownScope(), nullptr, 0, 0, 0};
+    *entry = {newcomer.start, newcomer.end, newcomer.lastingScope(), nullptr, 0, 0, 0};
     if (const PlainSymbol* plain = newcomer.plain()) {
         entry->name = plain->name;
         entry->kind = static_cast<std::uint8_t>(plain->kind);
