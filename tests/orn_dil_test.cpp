@@ -44,7 +44,7 @@ protected:
     LineResolverTest()
         : module(new FakeModule),
           debugInfo(new FakeDebugInfo),
-          scope(new FakeScope(*module)),
+          scope(new FakeLineScope(*module)),
           resolver(new TableResolver(module, debugInfo, scope, &lock)) {
         resolver->addFile("/src/a.c", 0, 0);
     }
@@ -62,7 +62,7 @@ protected:
     CountingLock lock;
     SymMgrObjectPtr<FakeModule> module;
     SymMgrObjectPtr<FakeDebugInfo> debugInfo;
-    SymMgrObjectPtr<FakeScope> scope;
+    SymMgrObjectPtr<FakeLineScope> scope;
     SymMgrObjectPtr<TableResolver> resolver;
 };
 
@@ -220,7 +220,7 @@ TEST_F(LineResolverTest, WithoutAFirstLineNoOtherWins) {
 // Loading
 
 TEST_F(LineResolverTest, AQueryForEveryUnitLoadsTheWholeTableFirst) {
-    FakeUnit& unit = debugInfo->addUnit(0x40);
+    FakeLineUnit& unit = debugInfo->addUnit(0x40);
     unit.program = [this] { add(10, 0x1000, 0x1010, 0x40); };
     for (const unsigned long long unitId : {0ULL, 0xFFFFFFFFULL, ~0ULL}) {
         Lines lines;
@@ -233,8 +233,8 @@ TEST_F(LineResolverTest, AQueryForEveryUnitLoadsTheWholeTableFirst) {
 }
 
 TEST_F(LineResolverTest, AQueryForOneUnitLoadsThatUnitAlone) {
-    FakeUnit& unit = debugInfo->addUnit(0x40);
-    FakeUnit& other = debugInfo->addUnit(0x80);
+    FakeLineUnit& unit = debugInfo->addUnit(0x40);
+    FakeLineUnit& other = debugInfo->addUnit(0x80);
     unit.program = [this] { add(10, 0x1000, 0x1010, 0x40); };
     Lines lines;
     EXPECT_EQ(status_Ok, resolver->sourceLines(lines, 0x40, everyFile, 0x1000, 0x1010, nullptr));
@@ -258,7 +258,7 @@ TEST_F(LineResolverTest, AStatusOtherThanOkIsReturnedWithoutIterator) {
         Lines lines;
         EXPECT_EQ(status, resolver->sourceLinesInRange(lines, 0, ~0ULL, everyUnit, everyFile, nullptr));
         EXPECT_EQ(nullptr, lines);
-        FakeUnit& unit = debugInfo->addUnit(0x40);
+        FakeLineUnit& unit = debugInfo->addUnit(0x40);
         unit.status = status;
         EXPECT_EQ(status, resolver->sourceLinesInRange(lines, 0, ~0ULL, 0x40, everyFile, nullptr));
         EXPECT_EQ(nullptr, lines);
@@ -275,7 +275,7 @@ TEST_F(LineResolverTest, ATableThatIsGivenIsAskedInsteadOfItsOwn) {
 }
 
 TEST_F(LineResolverTest, LoadsRunUnderTheLoadingLock) {
-    FakeUnit& unit = debugInfo->addUnit(0x40);
+    FakeLineUnit& unit = debugInfo->addUnit(0x40);
     int depth = 0;
     unit.program = [this, &depth] { depth = lock.depth; };
     EXPECT_EQ(nullptr, locationAt(0x1000));
@@ -288,7 +288,7 @@ TEST_F(LineResolverTest, ThreadsMayLoadUnitsAndAskForLinesAtTheSameTime) {
     OrnLock loadLock;
     resolver->setScope(nullptr, &loadLock);
     for (unsigned i = 1; i <= units; ++i) {
-        FakeUnit& unit = debugInfo->addUnit(i * 0x100);
+        FakeLineUnit& unit = debugInfo->addUnit(i * 0x100);
         unit.program = [this, i, &unit] {
             const unsigned fileId = resolver->registerFile(unit, "/src/" + std::to_string(i), 0, 0);
             for (unsigned row = 0; row < 64; ++row)
@@ -315,7 +315,7 @@ TEST_F(LineResolverTest, ThreadsMayLoadUnitsAndAskForLinesAtTheSameTime) {
 
 TEST_F(LineResolverTest, ANewScopeTakesThePlaceOfTheOld) {
     CountingLock other;
-    FakeUnit& unit = debugInfo->addUnit(0x40);
+    FakeLineUnit& unit = debugInfo->addUnit(0x40);
     int depth = 0;
     unit.program = [&other, &depth] { depth = other.depth; };
     resolver->setScope(nullptr, &other);
@@ -325,7 +325,7 @@ TEST_F(LineResolverTest, ANewScopeTakesThePlaceOfTheOld) {
 }
 
 TEST_F(LineResolverTest, DetailsOfAUnitComeFromTheDebugInformation) {
-    FakeUnit& unit = debugInfo->addUnit(0x40);
+    FakeLineUnit& unit = debugInfo->addUnit(0x40);
     EXPECT_EQ(&unit, resolver->compUnitDetails(0x40));
     EXPECT_EQ(nullptr, resolver->compUnitDetails(0x41));
 }
@@ -365,7 +365,7 @@ TEST_F(LineResolverTest, AFileIsFoundByItsPath) {
 }
 
 TEST_F(LineResolverTest, AUnitIsToldTheIdOfEachOfItsFiles) {
-    FakeUnit& unit = debugInfo->addUnit(0x40);
+    FakeLineUnit& unit = debugInfo->addUnit(0x40);
     EXPECT_EQ(1u, resolver->registerFile(unit, "/src/b.c", 0, 0));
     EXPECT_EQ(0u, resolver->registerFile(unit, "/src/a.c", 0, 0));
     EXPECT_EQ(1u, resolver->registerFile(unit, "/src/b.c", 0, 0));
@@ -373,7 +373,7 @@ TEST_F(LineResolverTest, AUnitIsToldTheIdOfEachOfItsFiles) {
 }
 
 TEST_F(LineResolverTest, TheIdOfAUnitsFileComesFromItsProgram) {
-    FakeUnit& unit = debugInfo->addUnit(0x40);
+    FakeLineUnit& unit = debugInfo->addUnit(0x40);
     int depth = 0;
     unit.program = [this, &unit, &depth] {
         depth = lock.depth;
@@ -386,7 +386,7 @@ TEST_F(LineResolverTest, TheIdOfAUnitsFileComesFromItsProgram) {
 }
 
 TEST_F(LineResolverTest, AFileNumberOfMoreThan32BitsIsNoFile) {
-    FakeUnit& unit = debugInfo->addUnit(0x40);
+    FakeLineUnit& unit = debugInfo->addUnit(0x40);
     unit.fileIds = {0};
     EXPECT_EQ(0, resolver->fileIdOf(1, unit));
     EXPECT_EQ(-1, resolver->fileIdOf(0x100000001, unit));

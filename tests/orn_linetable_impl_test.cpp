@@ -507,7 +507,7 @@ TEST_F(LineTableAgainstReference, SequencesAsLineProgramsDeliverThemGiveTheSameA
 
 class InlineCallerTest : public LineTableTest {
 protected:
-    InlineCallerTest() : scope(new FakeScope(*module)) {}
+    InlineCallerTest() : scope(new FakeLineScope(*module)) {}
 
     FakeInstance* callFrom(unsigned line, unsigned fileId = 1) {
         const SymMgrObjectPtr<ISourceLocation> location = new SourceLocation(resolver, 7, fileId, line, 0, 0);
@@ -520,7 +520,7 @@ protected:
                                                   {low, high, everyUnit, fileId});
     }
 
-    SymMgrObjectPtr<FakeScope> scope;
+    SymMgrObjectPtr<FakeLineScope> scope;
     std::vector<SymMgrObjectPtr<FakeInstance>> instances;
 };
 
@@ -644,7 +644,8 @@ TEST_F(InlineCallerTest, TheLineOfACallIsOneElement) {
 
 class SymbolLinesTest : public LineTableTest {
 protected:
-    SymbolLinesTest() : scope(new FakeScope(*module)), location(new SourceLocation(resolver, 7, 1, 3, 0, 0)) {
+    SymbolLinesTest()
+        : scope(new FakeLineScope(*module)), location(new SourceLocation(resolver, 7, 1, 3, 0, 0)) {
         resolver->table = table;
     }
 
@@ -655,7 +656,7 @@ protected:
         return new SymbolSourceLineIterator(scope, 1, 7, location, at(low), at(high));
     }
 
-    SymMgrObjectPtr<FakeScope> scope;
+    SymMgrObjectPtr<FakeLineScope> scope;
     SymMgrObjectPtr<ISourceLocation> location;
 };
 

@@ -25,9 +25,9 @@ public:
 };
 
 /// A unit whose line program is a function of the test.
-class FakeUnit : public ICompUnitDetails {
+class FakeLineUnit : public ICompUnitDetails {
 public:
-    explicit FakeUnit(unsigned long long offset) : m_offset(offset) {}
+    explicit FakeLineUnit(unsigned long long offset) : m_offset(offset) {}
 
     unsigned long long getOffset() override { return m_offset; }
     ISourceFile* getSourceFile() override { return nullptr; }
@@ -89,9 +89,9 @@ public:
         return unit != units.end() ? &unit->second : nullptr;
     }
 
-    FakeUnit& addUnit(unsigned long long offset) { return units.emplace(offset, offset).first->second; }
+    FakeLineUnit& addUnit(unsigned long long offset) { return units.emplace(offset, offset).first->second; }
 
-    std::map<unsigned long long, FakeUnit> units;
+    std::map<unsigned long long, FakeLineUnit> units;
     status_t status = status_Ok;
     int loads = 0;
     ILineTable* loadedTable = nullptr;
@@ -181,9 +181,9 @@ private:
 };
 
 /// A symbol of which only the ranges matter.
-class FakeSymbol : public SymMgrObject<ISymbol> {
+class FakeLineSymbol : public SymMgrObject<ISymbol> {
 public:
-    FakeSymbol(FakeModule& module, const std::vector<FakePiece>& pieces)
+    FakeLineSymbol(FakeModule& module, const std::vector<FakePiece>& pieces)
         : SymMgrObject<ISymbol>(nullptr), m_module(module), m_pieces(pieces) {}
 
     status_t sourceLocation(SymMgrObjectPtr<ISourceLocation>&) override { return status_False; }
@@ -209,10 +209,10 @@ private:
 };
 
 /// A scope that answers with its pieces of code, and whose symbol has them as its ranges.
-class FakeScope : public SymMgrObject<IScope> {
+class FakeLineScope : public SymMgrObject<IScope> {
 public:
-    explicit FakeScope(FakeModule& module)
-        : SymMgrObject<IScope>(nullptr), m_module(module), m_symbol(new FakeSymbol(module, pieces)) {}
+    explicit FakeLineScope(FakeModule& module)
+        : SymMgrObject<IScope>(nullptr), m_module(module), m_symbol(new FakeLineSymbol(module, pieces)) {}
 
     IScope* parent() override { return nullptr; }
     ISymbol* symbol() override { return hasSymbol ? m_symbol.get() : nullptr; }
