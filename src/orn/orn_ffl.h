@@ -7,6 +7,7 @@
 #include "orn/file_format_loader.h"
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -132,10 +133,20 @@ protected:
     /// has no reader and is not tried again.
     std::map<FileIdentity, IDebugInfoLoader*> m_debugInfoLoaders;
     std::vector<SymMgrObjectPtr<ISymbolFileToResolve>> m_symbolFiles;
-    std::map<unsigned long long, Segment*> m_segments; ///< by key address, owned
-    std::map<unsigned long long, Section*> m_sections; ///< by address, owned
+    std::map<unsigned long long, Segment*> m_segments; ///< by key address, owned; no two of them overlap
+    std::map<unsigned long long, Section*> m_sections; ///< by address, holding one reference each
     /// Sections that another one of the same address replaced: someone may still hold them.
     std::vector<Section*> m_replacedSections;
+
+private:
+    bool overlapsLastingSegment(unsigned long long key, unsigned long long memorySize) const;
+    bool overlapsSegment(unsigned long long key, unsigned long long memorySize) const;
+    void dropOverlappedSegments(unsigned long long key, unsigned long long memorySize);
+    void storeSegment(unsigned long long key, Segment* segment);
+
+    /// Keys of the segments whose kind is not 0, which nothing pushes out. A lookup here keeps a file with
+    /// tens of thousands of segments from being walked once for each of them.
+    std::set<unsigned long long> m_lastingSegments;
 };
 
 /// What all debug info loaders share: the counted format loader, whose entry goes when the loader dies.
