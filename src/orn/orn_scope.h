@@ -7,6 +7,8 @@
 #include "orn_ranges.h"
 #include "orn_symbol.h"
 
+#include <atomic>
+#include <memory>
 #include <set>
 #include <vector>
 
@@ -41,8 +43,10 @@ public:
     /// The scope's ranges, ascending by low address.
     struct RangeList {
         RangeNode* m_head = nullptr;
-        RangeNode* m_cursor = nullptr;  ///< the node touched last, where searches begin
-        RangeNode* m_primary = nullptr; ///< the node made first; never merged into a neighbour by addRange
+        /// The node touched last, where searches begin. Queries of several threads move it, and wherever it
+        /// stands the answers are the same: hence atomic, but unordered.
+        std::atomic<RangeNode*> m_cursor{nullptr};
+        RangeNode* m_primary = nullptr; ///< the node made first; addRange merges it into no other
     };
 
     using Thunks = std::vector<SymMgrObjectPtr<IThunk>>;
@@ -51,7 +55,7 @@ public:
     Scope(IFileFormatLoader* loader, Scope* parent, ILock* lock);
     ~Scope() override;
 
-    IScope* parent() override;
+    IScope* parent() override { return m_parent; }
     ISymbol* symbol() override { return nullptr; }
     IInlineInstance* inlineInstance() override { return nullptr; }
     status_t symbolRanges(SymMgrObjectPtr<RangeIterator>& out, unsigned long long low,
@@ -72,42 +76,86 @@ public:
     /// What the table shall do when `other` starts where this scope starts; bits explained at SymbolTable.
     virtual unsigned compare(Scope* other, unsigned long long nextKey, Scope* nextScope);
     virtual void merge(Scope* other, unsigned int bits);
-    virtual unsigned long long id();
-    virtual ISymbol* symbolObject();
+    virtual unsigned long long id() { return ~0ULL; }
+    virtual ISymbol* symbolObject() { return nullptr; }
     virtual status_t load(symbol_kind_t mask);
     virtual status_t loadContent(symbol_kind_t mask) = 0;
-    /// Made at first use.
+    /// Made at first use, without locking.
     virtual ISymbolTable* symbolTable();
+    /// Made at first use like the table.
     virtual Thunks* thunks();
-    virtual RangeList* rangeList();
+    virtual RangeList* rangeList() { return &m_rangeList; }
 
     void addRange(unsigned long long low, unsigned long long high);
     void removeRange(unsigned long long low);
-    bool hasManyRanges() const;
+    bool hasManyRanges() const { return m_rangeList.m_head && m_rangeList.m_head->next; }
     /// All ones for a scope without ranges.
-    unsigned long long firstLow() const;
+    unsigned long long firstLow() const { return m_rangeList.m_head ? m_rangeList.m_head->low : ~0ULL; }
     unsigned long long lastHigh() const;
     IFileFormatLoader* loader() const { return m_loader; }
     /// Keeps `thunk` unless one that is held covers its address; a kept thunk's scope becomes this one.
+    /// A thunk that nobody holds and that is not kept is destroyed.
     void addThunk(IThunk* thunk);
     void thunkAt(unsigned long long address, SymMgrObjectPtr<IThunk>& out);
 
+    Scope* parentScope() const { return m_parent; }
+    bool hasThunks() const { return m_extras && !m_extras->thunks.empty(); }
+    /// A table has taken the scope for good; a scope enters one table once.
+    bool isOwnedByTable() const { return m_ownedByTable; }
+    void setOwnedByTable() { m_ownedByTable = true; }
+
+protected:
+    /// Leaves the head alone in the list, ending at `high`.
+    void collapseRanges(unsigned long long high);
+    symbol_kind_t loadedKinds() const { return m_loadedKinds; }
+    void forgetLoadedKinds() { m_loadedKinds = symbol_kind_none; }
+    /// The lock of the count of the scope's table.
+    ILock* tableLock();
+    /// Releases table and thunks while the lock of the table still lives.
+    void releaseContent();
+
 private:
+    /// What most scopes never need. A module has one scope per symbol, so every byte in Scope itself counts.
+    struct Extras {
+        OrnLock lock; ///< guards the count of the table; declared first, it dies last
+        Thunks thunks;
+        SymMgrObjectPtr<ISymbolTable> table;
+    };
+
+    Extras& extras();
+    RangeNode* newRangeNode(unsigned long long low, unsigned long long high, RangeNode* next);
+    void freeRangeNode(RangeNode* node);
+    RangeNode* searchStart(unsigned long long address) const;
+    void insertNode(RangeNode* previous, unsigned long long low, unsigned long long high);
+    bool mergeForward(RangeNode* next, unsigned long long low, unsigned long long high);
+    bool mergeBackward(RangeNode* previous, unsigned long long low, unsigned long long high);
+
+    RangeList m_rangeList;
+    RangeNode m_firstNode; ///< room for one node: nearly every scope has exactly one range
+    std::unique_ptr<Extras> m_extras;
+    Scope* m_parent;             ///< borrowed
     IFileFormatLoader* m_loader; ///< borrowed
+    symbol_kind_t m_loadedKinds;
+    bool m_firstNodeTaken;
+    bool m_ownedByTable;
 };
 
 /// The region of one symbol, which it owns.
 class SymbolScope : public Scope {
 public:
     SymbolScope(IFileFormatLoader* loader, Scope* parent, ILock* lock);
+    /// For readers that make the symbol themselves.
     SymbolScope(IFileFormatLoader* loader, Scope* parent, ISymbol* symbol, ILock* lock);
 
-    ISymbol* symbol() override;
+    ISymbol* symbol() override { return m_symbol; }
     unsigned long long id() override;
-    ISymbol* symbolObject() override;
+    ISymbol* symbolObject() override { return m_symbol; }
     status_t loadContent(symbol_kind_t mask) override;
 
-    virtual void setSymbol(ISymbol* symbol);
+    virtual void setSymbol(ISymbol* symbol) { m_symbol = symbol; }
+
+private:
+    SymMgrObjectPtr<ISymbol> m_symbol;
 };
 
 /// A whole module. Loads are serialised by a lock of its own.
@@ -120,11 +168,23 @@ public:
     status_t loadContent(symbol_kind_t mask) override;
 
     /// Null without debug information.
-    ISrcLineResolver* lineResolver() const;
+    ISrcLineResolver* lineResolver() const { return m_lineResolver; }
     /// Notes an address of interest; the next query loads anew.
     void addInterestingAddress(unsigned long long address);
-    /// Ranges of the symbols around the noted addresses; null without any.
+    /// Ranges of the symbols around the noted addresses; null without any. Found once and kept.
     void interestingRanges(SymMgrObjectPtr<RangeFilter>& out);
+
+private:
+    void addRangesAround(unsigned long long address, symbol_kind_t kinds, RangeFilter& ranges);
+
+    IFileFormatLoader* m_fileLoader;                     ///< borrowed
+    IDebugInfoLoader* m_debugLoader;                     ///< borrowed; may be null
+    std::set<unsigned long long> m_interestingAddresses; ///< pseudo addresses
+    LoadFilter m_loadFilter;
+    OrnLock m_loadLock;
+    OrnLock m_rangesLock; ///< guards m_rangesCache and the filter's count; nothing is called under it
+    SymMgrObjectPtr<RangeFilter> m_rangesCache;
+    SymMgrObjectPtr<ISrcLineResolver> m_lineResolver;
 };
 
 } // namespace ORN_3_30

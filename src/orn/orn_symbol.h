@@ -11,13 +11,12 @@ namespace ORN_3_30 {
 class IFileFormatLoader;
 class Scope;
 
-/// A symbol's name, kind and visibility. The name has a lock of its own: a load that merges symbols may
+/// A symbol's name, kind and visibility. The name is guarded by a lock: a load that merges symbols may
 /// replace it while another thread asks.
 class NamedSymbol : public SymMgrObject<ISymbol> {
 public:
     NamedSymbol(IFileFormatLoader* loader, const char* name, symbol_visibility_t visibility,
                 symbol_kind_t kind, unsigned long long id);
-    ~NamedSymbol() override;
 
     status_t compUnitDetails(ICompUnitDetails*& out) override;
     const char* rawName() override;
@@ -42,14 +41,19 @@ public:
     IFileFormatLoader* loader() const { return m_loader; }
 
 protected:
-    SymMgrObjectPtr<ISymbolNameDemangler> m_demangler;
+    /// The lock of this symbol's name: one of a few that all symbols of the process share, picked by the
+    /// symbol's address. A lock in every symbol would take more room than the rest of the name's data.
+    /// Sharing is safe because nothing but the demangler and IFileFormatLoader::getExecFormat() is called
+    /// under it, never another symbol.
+    ILock* nameLock() const;
+
+    SymMgrObjectPtr<ISymbolNameDemangler> m_demangler; ///< never null once the symbol is made
 
 private:
     symbol_visibility_t m_visibility;
     symbol_kind_t m_kind;
     unsigned long long m_id;     ///< a tag whose meaning belongs to the loader that made the symbol
     IFileFormatLoader* m_loader; ///< borrowed; outlives every symbol of its module
-    OrnLock m_nameLock;
 };
 
 /// A symbol whose ranges belong to a scope.
@@ -91,6 +95,8 @@ public:
 
     unsigned long long address() const { return m_address; }
     unsigned long long size() const { return m_size; }
+    unsigned long long end() const { return m_address + m_size; }
+    bool contains(unsigned long long address) const { return m_address <= address && address < end(); }
     void setScope(Scope* scope) { m_scope = scope; }
 
 protected:
