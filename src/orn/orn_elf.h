@@ -116,6 +116,7 @@ public:
     const Elf64_Shdr* getSectionHeader(unsigned index) const {
         return index < getSectionCount() ? &m_sectionHeaders[index] : nullptr;
     }
+    unsigned long long getSectionNamesSize() const { return m_shStrTabSize; }
     /// Never null: "" where there is no name.
     const char* getSectionName(unsigned index) const;
     /// Index of the first section of exactly this name, or `noSection`.
@@ -177,35 +178,46 @@ public:
     ILock* getFillLock() const { return &m_fillLock; }
 
 private:
-    struct RangeMaps;
+    struct RangeMaps {
+        ElfAddressRanges::EndByStart code;
+        ElfAddressRanges::EndByStart data;
+    };
+    struct LoadRange;
 
     bool readHeaders();
+    bool readIdentification();
     bool readFileHeader();
-    bool readFileHeader32();
-    bool readFileHeader64();
     bool acceptDataEncoding();
     void mapMachine();
     bool readProgramHeaders();
-    bool readRawTable(unsigned long long offset, unsigned count, unsigned entrySize, std::size_t structSize,
-                      std::unique_ptr<unsigned char[]>& out, const char* expression) const;
-    Elf64_Phdr widenedProgramHeader(const unsigned char* entry) const;
-    Elf64_Shdr widenedSectionHeader(const unsigned char* entry) const;
-    void noteLoadSegments();
+    std::unique_ptr<unsigned char[]> readTable(unsigned long long offset, unsigned count, unsigned stride,
+                                               std::size_t entrySize) const;
+    Elf64_Phdr programHeaderAt(const unsigned char* entry) const;
+    Elf64_Shdr sectionHeaderAt(const unsigned char* entry) const;
+    void keepLoadableSegments(const unsigned char* table);
+    void noteFirstLoadableSegments();
 
     bool readSectionHeaders();
     bool readSectionNames();
     bool classifySections();
+    bool noteSection(unsigned index, RangeMaps& ranges);
     unsigned long long endWithoutGap(unsigned index) const;
-    void noteRanges(unsigned index, RangeMaps& maps) const;
-    bool noteNamedSection(unsigned index, RangeMaps& maps);
-    bool takeKnownName(unsigned index, const char* name, RangeMaps& maps);
+    void noteRange(unsigned index, RangeMaps& ranges) const;
+    bool noteKnownName(unsigned index, RangeMaps& ranges);
     bool isInsideFile(const Elf64_Shdr& header) const;
-    bool isCompressed(unsigned index) const;
+    status_t decompress(unsigned index, SectionBlock& block) const;
+    LoadRange firstLoadRange() const;
+    LoadRange secondLoadRange() const;
+
     SymbolTableData loadTable(const SymMgrObjectPtr<ISectionData>& symbols,
                               const SymMgrObjectPtr<ISectionData>& strings);
-    void lendTables(ElfHelper& debugHelper, unsigned long long bias, SymMgrObjectPtr<ISectionData>& symbols,
-                    SymMgrObjectPtr<ISectionData>& strings, ISectionData* lentSymbols,
-                    ISectionData* lentStrings);
+    void borrowTable(ElfHelper& debugHelper, ISectionData* lentSymbols, ISectionData* lentStrings,
+                     unsigned long long bias, SymMgrObjectPtr<ISectionData>& symbols,
+                     SymMgrObjectPtr<ISectionData>& strings);
+    void findSymbolData(unsigned link, SymMgrObjectPtr<ISectionData>& symbols,
+                        SymMgrObjectPtr<ISectionData>& strings);
+    void readRelocations(RelocationAddends& addends, ISectionData& symbols,
+                         const SymMgrObjectPtr<ISectionData>& strings);
 
     SymMgrObjectPtr<IModuleImage> m_fileImage;
     Elf64_Ehdr m_header;

@@ -7,7 +7,6 @@
 #include "orn/file_format_loader.h"
 
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -139,14 +138,12 @@ protected:
     std::vector<Section*> m_replacedSections;
 
 private:
-    bool overlapsLastingSegment(unsigned long long key, unsigned long long memorySize) const;
-    bool overlapsSegment(unsigned long long key, unsigned long long memorySize) const;
     void dropOverlappedSegments(unsigned long long key, unsigned long long memorySize);
     void storeSegment(unsigned long long key, Segment* segment);
 
-    /// Keys of the segments whose kind is not 0, which nothing pushes out. A lookup here keeps a file with
-    /// tens of thousands of segments from being walked once for each of them.
-    std::set<unsigned long long> m_lastingSegments;
+    /// Memory sizes of the segments whose kind is not 0, which nothing pushes out, by their keys. A lookup
+    /// here keeps a file with tens of thousands of segments from being walked once for each of them.
+    std::map<unsigned long long, unsigned long long> m_lastingSegments;
 };
 
 /// What all debug info loaders share: the counted format loader, whose entry goes when the loader dies.

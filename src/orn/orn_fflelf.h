@@ -2,6 +2,8 @@
 #ifndef ORN_FFLELF_H
 #define ORN_FFLELF_H
 
+#include "orn/address.h"
+#include "orn/symbol_table.h"
 #include "orn_elf.h"
 #include "orn_ffl.h"
 
@@ -19,8 +21,13 @@ public:
     void getRelocationAddends(SymMgrObjectPtr<RelocationAddends>& out, unsigned sectionIndex) override;
 
 private:
+    void makeSectionData(SymMgrObjectPtr<ISectionData>& out, unsigned index);
+
     SymMgrObjectPtr<ElfHelper> m_elfHelper;
 };
+
+/// Whether a section that was asked for by its index says that it has no bytes in the file.
+bool hasNoBitsByFlags(const Elf64_Shdr& header);
 
 /// Loader of ELF modules: segments and sections, the symbols of the symbol tables and of the procedure
 /// linkage table, the candidates of the symbol file and the reader of each.
@@ -56,13 +63,16 @@ protected:
     unsigned long long getOatDataSize() const { return m_oatDataSize; }
 
 private:
+    class LoadableProgramHeadersWalker;
+    class DriverSegmentsWalker;
+    class SectionHeaderWalker;
+    class SectionEndWalker;
+
     void readFileInfo();
-    void addLoadableSegments();
     void addSectionsAsSegments();
-    void addProgramSections();
     void findOatContainer();
     void readTable(const ElfHelper::SymbolTableData& table, ISymbolTable* sink, LoadFilter* filter,
-                   unsigned flags);
+                   symbol_kind_t flags);
     void readThunks(ISymbolTable* sink, LoadFilter* filter);
     IDebugInfoLoader* createDwarfLoader(const char* path);
 

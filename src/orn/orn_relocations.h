@@ -9,6 +9,7 @@
 namespace ORN_3_30 {
 
 class SectionWalker;
+class WritableSectionWalker;
 
 /// One relocation record with the symbol that it names.
 struct RelocationEntry {
@@ -33,19 +34,19 @@ class RelocationAddends : public SymMgrObjectImpl {
 public:
     explicit RelocationAddends(unsigned relocationSection) : m_relocationSection(relocationSection) {}
 
-    /// Reads the next record of the relocation section. False, with the walker anywhere, if it is cut off.
-    virtual bool readEntry(SectionWalker& walker, unsigned long long& offset, unsigned long long& info,
+    /// Reads the next record of the relocation section, by the walker's address size.
+    virtual void readEntry(SectionWalker& walker, unsigned long long& offset, unsigned long long& info,
                            unsigned long long& addend) = 0;
     /// Writes the relocated value at its place in the contents under `walker`, whose address size is set and
     /// whose bytes are the caller's own copy. A place that does not lie inside is left alone.
-    virtual void applyAddend(SectionWalker& walker, const RelocationEntry& entry) = 0;
+    virtual void applyAddend(WritableSectionWalker& walker, const RelocationEntry& entry) = 0;
 
     void add(const RelocationEntry& entry) { m_entries[entry.offset] = entry; }
     /// All records in order of their places.
     void walk(IAddendCallBack& callback) const;
     /// Applies all records whose place lies in [begin, end) of the contents under `walker`. Not to be
     /// repeated on the same bytes: where the addend lies at the place it would count twice.
-    void applyRange(SectionWalker& walker, unsigned long long begin, unsigned long long end);
+    void applyRange(WritableSectionWalker& walker, unsigned long long begin, unsigned long long end);
 
     bool isEmpty() const { return m_entries.empty(); }
     unsigned getRelocationSection() const { return m_relocationSection; }
@@ -59,18 +60,18 @@ private:
 class RELRelocationAddends : public RelocationAddends {
 public:
     using RelocationAddends::RelocationAddends;
-    bool readEntry(SectionWalker& walker, unsigned long long& offset, unsigned long long& info,
+    void readEntry(SectionWalker& walker, unsigned long long& offset, unsigned long long& info,
                    unsigned long long& addend) override;
-    void applyAddend(SectionWalker& walker, const RelocationEntry& entry) override;
+    void applyAddend(WritableSectionWalker& walker, const RelocationEntry& entry) override;
 };
 
 /// `SHT_RELA`: the addend stands in the record.
 class RELARelocationAddends : public RelocationAddends {
 public:
     using RelocationAddends::RelocationAddends;
-    bool readEntry(SectionWalker& walker, unsigned long long& offset, unsigned long long& info,
+    void readEntry(SectionWalker& walker, unsigned long long& offset, unsigned long long& info,
                    unsigned long long& addend) override;
-    void applyAddend(SectionWalker& walker, const RelocationEntry& entry) override;
+    void applyAddend(WritableSectionWalker& walker, const RelocationEntry& entry) override;
 };
 
 } // namespace ORN_3_30

@@ -11,8 +11,8 @@ namespace ORN_3_30 {
 /// Inflates the contents of a compressed section.
 ///
 /// `isZlibBlock`: the block begins with "ZLIB" and a size; otherwise with a compression header of the file's
-/// class. On success `outData` is a new array that the caller frees with array delete; on failure it is null.
-/// An allocation that is refused is logged and thrown on.
+/// class. On success `outData` is a new array that the caller frees with array delete, with one NUL behind
+/// its `outSize` bytes; on failure it is null. An allocation that is refused is logged and thrown on.
 status_t decompressSection(const unsigned char* data, unsigned long long size, unsigned char*& outData,
                            unsigned long long& outSize, bool isZlibBlock, bool is64Bit);
 
@@ -51,7 +51,6 @@ public:
 
 private:
     void ensureRead();
-    void decompress();
 
     const unsigned char* m_data; ///< inside m_buffer, or without a buffer an array of its own
     unsigned long long m_size;
@@ -80,6 +79,8 @@ public:
     bool isNoBits() override { return m_noBits; }
 
 private:
+    status_t copyContents(unsigned long long delta, unsigned long long size, SymMgrObjectPtr<IBuffer>& out);
+
     std::string m_name;
     SymMgrObjectPtr<ISectionData> m_sectionData;
     unsigned long long m_address;

@@ -51,7 +51,11 @@ public:
     std::uint32_t readU32() { return readFixed<std::uint32_t>(); }
     std::uint64_t readU64() { return readFixed<std::uint64_t>(); }
     /// Stops at the end of the view with what it has. Bits beyond 64 are ignored.
-    unsigned long long readULEB();
+    unsigned long long readULEB() {
+        if (m_position < m_size && m_begin[m_position] < 0x80)
+            return m_begin[m_position++];
+        return readLongULEB();
+    }
     /// Has no bound: past the view it reads a final zero byte. Bits beyond 64 are ignored.
     long long readSLEB();
     /// 4 or 8 bytes by the address size; any other size is logged and gives 0 without moving.
@@ -101,6 +105,7 @@ private:
         return value;
     }
     std::uint64_t readPastEnd(unsigned width);
+    unsigned long long readLongULEB();
 
     const unsigned char* m_begin = nullptr;
     unsigned long long m_size = 0;
