@@ -155,8 +155,9 @@ private:
 /// The abbreviations from one offset of `.debug_abbrev`.
 class AbbrevTable {
 public:
-    /// Reads the table at `offset`; one past the section is empty.
-    AbbrevTable(ISectionData* abbrevSection, unsigned long long offset, AbbrevPool& pool);
+    /// Reads the table at `offset` of the section's bytes; one past the section is empty.
+    AbbrevTable(const unsigned char* begin, unsigned long long size, unsigned long long offset,
+                AbbrevPool& pool);
 
     const AbbrevEntry* find(unsigned long long code) const { return m_abbrevsMap.find(code); }
     const PagedMap& map() const { return m_abbrevsMap; }

@@ -44,6 +44,8 @@ public:
     ///
     /// Quirk: it is not the entry's start, so that it never equals a reference; the two are never compared.
     unsigned long long offset() const { return m_offset; }
+    /// In `.debug_info`, of the entry itself: where it is decoded again.
+    unsigned long long entryStart() const { return m_entryStart; }
     /// The `DW_CHILDREN_*` byte.
     std::uint8_t getHasChildren() const { return m_hasChildren; }
     bool hasChildren() const { return m_hasChildren == DW_CHILDREN_yes; }
@@ -68,11 +70,14 @@ public:
 
     /// Makes the object an entry of `compUnit` without attributes.
     void reset(DWARFCompilationUnit* compUnit);
-    /// A copy of exact size, without its origin, for whoever keeps the entry. Count 0.
-    AttrBindings* kept() const;
+    /// A copy of exact size, without its origin, for whoever keeps the entry.
+    SymMgrObjectPtr<AttrBindings> kept() const;
 
 private:
     friend class AttrDecoder;
+
+    /// So many origins of a chain are used again.
+    static constexpr unsigned long long spareOrigins = 4;
 
     bool mayHaveOrigin() const {
         return m_origin || m_shape->find(DW_AT_abstract_origin) != AttrSpec::notKept ||
@@ -83,6 +88,8 @@ private:
     DWARFCompilationUnit* unitHolding(unsigned long long reference) const;
     void notePlaceInChain(const AttrBindings& referrer);
     void dropOrigin();
+    void retireOrigin();
+    bool isSoleReference();
     void reserve(std::uint32_t count);
 
     DWARFCompilationUnit* m_compUnit;

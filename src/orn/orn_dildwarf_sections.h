@@ -9,7 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <vector>
+#include <utility>
 
 namespace ORN_3_30 {
 
@@ -70,8 +70,8 @@ public:
     const char* stringAt(unsigned long long offset) const {
         if (offset >= m_strSize)
             return nullptr;
-        return reinterpret_cast<const char*>(offset < m_strTailBegin ? m_strBegin + offset
-                                                                     : strTailAt(offset));
+        return offset < m_strTailBegin ? reinterpret_cast<const char*>(m_strBegin) + offset
+                                       : m_strTail.c_str() + (offset - m_strTailBegin);
     }
 
     /// The text at `position` of `.debug_info` in a view that ends at `viewEnd`, and its length. Where no
@@ -81,9 +81,8 @@ public:
 
 private:
     status_t read();
+    void readRelocated(ISectionData* section, RelocatedSection& out);
     void readStrings();
-    void readRanges();
-    const unsigned char* strTailAt(unsigned long long offset) const;
     unsigned long long endOfText(unsigned long long position, unsigned long long viewEnd);
     const char* terminatedTail(unsigned long long position, unsigned long long viewEnd);
 

@@ -66,6 +66,7 @@ public:
     unsigned getFileId(unsigned number) override;
     status_t loadLines(RangeFilter* ranges) override;
 
+    const DWARFUnitHeader& header() const { return m_header; }
     compiler_kind_t getCompilerKind() const { return m_compilerKind; }
     std::uint32_t getVersion() const { return m_header.version; }
     bool isBigOffsets() const { return m_header.is64Bit; }
@@ -115,15 +116,20 @@ public:
 
     // readAttrBindings in two steps, for walks that do not want every entry.
 
-    /// Reads the code of an entry. Null where readAttrBindings would give false.
-    const AbbrevEntry* readEntryCode(SectionWalker& walker) const;
+    /// What a walk knows of an entry before its attributes.
+    struct EntryCode {
+        const AbbrevEntry* abbrev = nullptr; ///< null where readAttrBindings would give false
+        unsigned long long start = 0;        ///< of the entry in `.debug_info`
+    };
+    /// Reads the code of an entry.
+    EntryCode readEntryCode(SectionWalker& walker) const;
     /// Decodes the attributes behind the code.
-    bool readAttributes(SectionWalker& walker, const AbbrevEntry& abbrev, AttrBindings& attrBindings);
+    bool readAttributes(SectionWalker& walker, const EntryCode& code, AttrBindings& attrBindings);
     /// Passes the attributes behind the code; `sibling` becomes the value of DW_AT_sibling, 0 without one.
     /// Result and messages are those of decoding.
-    bool skipAttributes(SectionWalker& walker, const AbbrevEntry& abbrev, unsigned long long& sibling) const;
+    bool skipAttributes(SectionWalker& walker, const EntryCode& code, unsigned long long& sibling) const;
     /// From the first child of an entry whose DW_AT_sibling is `sibling` (0: none) to behind the null entry
-    /// that ends its children, by the siblings where they are trusted.
+    /// that ends its children: by that sibling and those of the children where they are trusted.
     void skipChildren(SectionWalker& walker, unsigned long long sibling) const;
 
     /// Reads the top entry, once, if it is a DW_TAG_compile_unit.
@@ -137,7 +143,9 @@ private:
 
     void readTopEntry(AttrBindings& attrs);
     void setTextOf(AttrBindings& attrs, unsigned long long attribute, std::string& out);
-    bool isUsableSibling(const SectionWalker& walker, unsigned long long sibling) const;
+    bool reachesTo(unsigned long long offset) const {
+        return offset >= m_header.offset && offset - m_header.offset <= m_header.size;
+    }
 
     // orn_dildwarf_producer.cpp
     void parseProducer();
