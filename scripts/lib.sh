@@ -146,6 +146,7 @@ readonly buildNeeds=(
     ninja-build=ninja
     liblog4cplus-dev=/usr/include/log4cplus/logger.h
     zlib1g-dev=/usr/include/zlib.h
+    libiberty-dev=/usr/include/libiberty/demangle.h
     libcli11-dev=/usr/include/CLI/CLI.hpp
     nlohmann-json3-dev=/usr/include/nlohmann/json.hpp
 )

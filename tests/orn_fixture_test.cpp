@@ -6,6 +6,8 @@
 
 #include <gtest/gtest-spi.h>
 
+#include <memory>
+
 namespace ORN_3_30::test {
 namespace {
 
@@ -16,15 +18,14 @@ protected:
     std::vector<std::string> failuresOf(const Body& body) {
         struct Probe : OrnTest {
             void TestBody() override {}
-            void finish() { TearDown(); }
         };
         ::testing::TestPartResultArray results;
+        auto probe = std::make_unique<Probe>();
+        body(*probe);
         {
-            Probe probe;
-            body(probe);
             ::testing::ScopedFakeTestPartResultReporter reporter(
                 ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &results);
-            probe.finish();
+            probe.reset();
         }
         takeLogs();
         std::vector<std::string> failures;

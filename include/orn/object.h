@@ -45,6 +45,12 @@ public:
     /// With `ownLock` the counter makes a lock of its own, which dies after the object.
     RefCountHelper(IDeleteObserver* observer, bool ownLock)
         : m_refCount(0), m_observer(observer), m_lock(ownLock ? new OrnLock : nullptr), m_ownsLock(ownLock) {}
+    /// Frees the lock of an object that never reached its last release: one that its owner deletes, or whose
+    /// construction failed.
+    ~RefCountHelper() {
+        if (m_ownsLock)
+            delete m_lock;
+    }
     RefCountHelper(const RefCountHelper&) = delete;
     RefCountHelper& operator=(const RefCountHelper&) = delete;
 

@@ -5,22 +5,33 @@
 #include "orn/export.h"
 #include "orn/iterator.h"
 
+#include <cstdint>
+
 namespace ORN_3_30 {
+
+/// How far a candidate has come.
+enum symbol_file_state_t : std::uint32_t {
+    symbol_file_not_set_up = 0,   ///< no build id, or no module path
+    symbol_file_usable = 1,       ///< wantedName() is the path to open
+    symbol_file_no_dwarf = 2,     ///< the module holds no debug information
+    symbol_file_wrong_crc = 3,    ///< a file of the wanted name is there, but its checksum differs
+    symbol_file_to_search_for = 4 ///< nothing found yet: wantedName() is the name to search for
+};
 
 /// One candidate for a module's symbol file: it says what it wants and judges the paths it is offered.
 class ISymbolFileToResolve : public ISymMgrObject {
 public:
-    /// The file name or relative path to search for; once accepted, the path to open.
+    /// The file name or relative path to search for; once accepted, the path to open. Good until resolve()
+    /// accepts another path.
     virtual const char* wantedName() = 0;
     /// Path of the module.
     virtual const char* modulePath() = 0;
     /// A value of symbol_file_type_t.
     virtual unsigned kind() = 0;
-    /// 1: usable, wantedName() is the path to open. 0: not set up (no build id, no module path). 2: the
-    /// module holds no debug information. 3: a file of the wanted name lies beside the module, but its
-    /// checksum differs. 4: nothing found yet, wantedName() is the name to search for.
+    /// A value of symbol_file_state_t.
     virtual unsigned state() = 0;
-    /// Judges `path`: the candidate's index if it passes, -1 if not. May be called any number of times.
+    /// Judges `path`: the candidate's index if it passes, -1 if not. May be called any number of times; a
+    /// null path never passes, but the module's own candidate gives 0 for it.
     virtual long long resolve(const char* path) = 0;
     /// 1 if the format's loader cannot do without this file kind, else 0.
     virtual int isRequired() = 0;

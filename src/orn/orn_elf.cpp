@@ -53,7 +53,7 @@ ElfHelper::ElfHelper(SymMgrObjectPtr<IModuleImage> image)
       m_secondLoadAddress(0),
       m_secondLoadSize(0),
       m_firstLoadAddress(0) {
-    m_valid = ORN_ASSERT(m_fileImage != NULL) && readHeaders();
+    m_valid = ORN_ASSERT_TEXT(m_fileImage != NULL, "m_fileImage!=NULL") && readHeaders();
 }
 
 ElfHelper::~ElfHelper() = default;

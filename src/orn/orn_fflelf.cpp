@@ -10,9 +10,11 @@
 #include "orn_file.h"
 #include "orn_log.h"
 #include "orn_moduleimage.h"
+#include "orn_symbolfileresolver.h"
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace ORN_3_30 {
 
@@ -31,6 +33,16 @@ bool isLegacyOatReaderOn() {
 
 internal::ElfNameBudget sectionNameBudget(const ElfHelper& helper) {
     return internal::ElfNameBudget(helper.getSectionNamesSize(), helper.getSectionCount());
+}
+
+/// Lists the candidate if it wants any file at all. Its index is its place among those listed.
+template <typename Candidate>
+void addCandidate(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles, const char* modulePath,
+                  IFileFormatHelper* helper, ILock* lock) {
+    const auto index = static_cast<long long>(symbolFiles.size());
+    SymMgrObjectPtr<ISymbolFileToResolve> candidate = new Candidate(index, modulePath, helper, lock);
+    if (*candidate->wantedName() != '\0')
+        symbolFiles.push_back(std::move(candidate));
 }
 
 } // namespace
@@ -217,14 +229,23 @@ Segment* ElfFileLoader::createSegment(const char* name, unsigned long long rva, 
     return new ELFSegment(m_elfHelper, this, name, rva, fileOffset, fileSize, memorySize, kind);
 }
 
-// The candidates will be listed here, in this order: the reader of managed-code containers alone where one
-// was found; otherwise by build id, by debug link, and the module itself; then the symbol maps of a kernel.
-status_t ElfFileLoader::collectSymbolFiles(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>&) {
+// The order is the order of preference: a debug file found by build id, one found by debug link, the module
+// itself. A container of managed code is none of these: where one was found, DWARF is not looked for.
+status_t ElfFileLoader::collectSymbolFiles(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles) {
     IModuleImage* image = m_elfHelper->getImage();
     if (!image || !image->getPath())
         return status_Ok;
     readFileInfo();
+    if (m_oatDataSize == 0 || !m_oatData || !m_oatExec)
+        addDwarfCandidates(symbolFiles);
     return status_Ok;
+}
+
+void ElfFileLoader::addDwarfCandidates(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles) {
+    const SymMgrObjectPtr<IFileFormatHelper> helper = new ElfFileFormatHelper(m_elfHelper);
+    addCandidate<DWARFBuildIdSymbolFileToResolve>(symbolFiles, getPath(), helper, &m_sharedLock);
+    addCandidate<DWARFSymbolFileToResolve>(symbolFiles, getPath(), helper, &m_sharedLock);
+    addCandidate<BinaryWithDWARFInfo>(symbolFiles, getPath(), helper, &m_sharedLock);
 }
 
 IDebugInfoLoader* ElfFileLoader::createDebugInfoLoader(const char* path, unsigned type, long long) {

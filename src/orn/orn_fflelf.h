@@ -70,6 +70,7 @@ private:
 
     void readFileInfo();
     void addSectionsAsSegments();
+    void addDwarfCandidates(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles);
     void findOatContainer();
     void readTable(const ElfHelper::SymbolTableData& table, ISymbolTable* sink, LoadFilter* filter,
                    symbol_kind_t flags);

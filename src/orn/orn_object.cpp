@@ -30,6 +30,7 @@ unsigned RefCountHelper::release() {
         return count;
     }
     ILock* ownedLock = m_ownsLock ? lock : nullptr;
+    m_ownsLock = false; // it is still needed when the counter dies with the object
     if (m_observer)
         m_observer->onLastRelease();
     if (lock)

@@ -28,6 +28,16 @@ private:
     const std::set<unsigned long long>* m_addresses; ///< borrowed from the module's scope
 };
 
+/// What a table shall do with a newcomer that starts where an entry starts; bits that Scope::compare() gives.
+enum scope_match_t : unsigned {
+    scopeMatch_None = 0,            ///< two different things
+    scopeMatch_Same = 1,            ///< alone: the same thing, the newcomer is dropped
+    scopeMatch_Grow = 2,            ///< the entry grows to the newcomer's end
+    scopeMatch_Fold = 4,            ///< the scope is folded into one range that ends where the newcomer ends
+    scopeMatch_TakeName = 8,        ///< the newcomer's raw name is the better one
+    scopeMatch_TakeVisibility = 16, ///< the newcomer's visibility is the right one
+};
+
 /// A region of the address space, its own ranges, and the table of what is nested inside it.
 class Scope : public SymMgrObject<IScope> {
 public:
@@ -73,8 +83,11 @@ public:
     virtual status_t nonOverlappedSymbolRanges(SymMgrObjectPtr<RangeIterator>& out, unsigned long long low,
                                                unsigned long long high, symbol_kind_t mask,
                                                ISymbolSelector* selector);
-    /// What the table shall do when `other` starts where this scope starts; bits explained at SymbolTable.
+    /// What the table shall do when `other` starts where an entry of this scope starts: scope_match_t bits.
+    /// `nextKey` is where the next cell starts, all ones without one; `nextScope` the last listed scope that
+    /// starts exactly there, or null.
     virtual unsigned compare(Scope* other, unsigned long long nextKey, Scope* nextScope);
+    /// Takes over from `other` what the bits of compare() say. The caller destroys `other`.
     virtual void merge(Scope* other, unsigned int bits);
     virtual unsigned long long id() { return ~0ULL; }
     virtual ISymbol* symbolObject() { return nullptr; }
@@ -94,7 +107,7 @@ public:
     unsigned long long lastHigh() const;
     IFileFormatLoader* loader() const { return m_loader; }
     /// Keeps `thunk` unless one that is held covers its address; a kept thunk's scope becomes this one.
-    /// A thunk that nobody holds and that is not kept is destroyed.
+    /// A thunk that nobody holds and that is not kept is destroyed. Every thunk of a scope is a Thunk.
     void addThunk(IThunk* thunk);
     void thunkAt(unsigned long long address, SymMgrObjectPtr<IThunk>& out);
 
@@ -129,6 +142,7 @@ private:
     void insertNode(RangeNode* previous, unsigned long long low, unsigned long long high);
     bool mergeForward(RangeNode* next, unsigned long long low, unsigned long long high);
     bool mergeBackward(RangeNode* previous, unsigned long long low, unsigned long long high);
+    void absorbFollowing(RangeNode* node);
 
     RangeList m_rangeList;
     RangeNode m_firstNode; ///< room for one node: nearly every scope has exactly one range

@@ -65,6 +65,8 @@ public:
     void reset() override { m_cursor = 0; }
 
 private:
+    std::size_t thunkCount() const;
+
     std::size_t m_cursor; ///< an index, so that a thunk that comes meanwhile does no harm
     SymMgrObjectPtr<Scope> m_scope;
 };

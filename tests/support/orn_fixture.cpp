@@ -1,6 +1,9 @@
-// The strict fixture: an appender of its own on the logger "ORN", weighed when the test ends.
+// The strict fixture: an appender of its own on the logger "ORN", weighed with the manager's registries when
+// the test is over. A destructor does it and not TearDown(): the members of the test are gone by then.
 
 #include "support/orn_fixture.h"
+
+#include "orn_symbolmanager.h"
 
 #include <log4cplus/appender.h>
 #include <log4cplus/logger.h>
@@ -49,6 +52,8 @@ OrnTest::OrnTest() : m_collector(new Collector), m_holder(new Holder) {
 }
 
 OrnTest::~OrnTest() {
+    checkLogs();
+    checkRegistries();
     m_holder->logger.removeAppender(m_holder->appender);
     m_holder->logger.setLogLevel(m_holder->levelBefore);
     delete m_holder;
@@ -98,8 +103,9 @@ void OrnTest::checkLogs() {
             ADD_FAILURE() << "announced, but not logged: " << announced.part;
 }
 
-void OrnTest::TearDown() {
-    checkLogs();
+void OrnTest::checkRegistries() {
+    EXPECT_EQ(internal::liveBankCount(), 0u) << "a bank stays behind";
+    EXPECT_EQ(internal::registeredLoaderCount(), 0u) << "a format loader stays behind";
 }
 
 } // namespace ORN_3_30::test

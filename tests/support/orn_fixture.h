@@ -24,8 +24,9 @@ struct LogMessage {
     int line;
 };
 
-/// Collects what the logger "ORN" gets while a test runs. When the test ends, a warning or an error that was
-/// neither announced nor taken fails it, and so does an announced one that never came.
+/// Collects what the logger "ORN" gets while a test runs. When the test is over and its members are gone, a
+/// warning or an error that was neither announced nor taken fails it, and so do an announced one that never
+/// came and a bank or a format loader that stays behind in the manager's registries.
 ///
 ///     using SymbolTableTest = test::OrnTest;
 ///     TEST_F(SymbolTableTest, ...) { expectLog("Out of memory"); ... }
@@ -46,9 +47,6 @@ public:
     /// Level of the logger until the test ends; it starts at informationLevel.
     void setLogLevel(int level);
 
-protected:
-    void TearDown() override;
-
 private:
     class Collector;
     struct Announced {
@@ -58,6 +56,7 @@ private:
 
     bool wasAnnounced(const LogMessage& message);
     void checkLogs();
+    static void checkRegistries();
 
     Collector* m_collector; ///< counted by the logger and by m_holder
     struct Holder;

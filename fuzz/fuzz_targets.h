@@ -1,0 +1,30 @@
+// The parsers that are fed hostile bytes. Each function takes any input whatever and must come back: the fuzz
+// programs call one of them, the tests replay the corpus through all.
+#ifndef ORN_FUZZ_TARGETS_H
+#define ORN_FUZZ_TARGETS_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace orn_fuzz {
+
+void elf(const std::uint8_t* data, std::size_t size);
+void filename(const std::uint8_t* data, std::size_t size);
+void demangler(const std::uint8_t* data, std::size_t size);
+void section_data(const std::uint8_t* data, std::size_t size);
+
+struct Target {
+    const char* name; ///< also the folder of its corpus
+    void (*run)(const std::uint8_t* data, std::size_t size);
+};
+
+inline constexpr Target targets[] = {
+    {"elf", elf},
+    {"filename", filename},
+    {"demangler", demangler},
+    {"section_data", section_data},
+};
+
+} // namespace orn_fuzz
+
+#endif

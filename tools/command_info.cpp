@@ -1,0 +1,167 @@
+// "orn info": what a module is, where its parts lie, and where its symbols may come from.
+
+#include "commands.h"
+
+#include "json_writer.h"
+#include "module_description.h"
+#include "names.h"
+#include "output.h"
+#include "text_table.h"
+
+#include <unistd.h>
+
+namespace orn_tool {
+
+namespace {
+
+using Align = TextTable::Align;
+
+// ---- Text
+
+void putField(Output& output, std::string_view title, std::string_view value) {
+    constexpr std::size_t titleWidth = 16;
+    output.put(title).putSpaces(titleWidth - title.size()).putPrintable(value).put('\n');
+}
+
+void printFields(Output& output, const ModuleDescription& module) {
+    putField(output, "Module", module.path);
+    putField(output, "Format", wordFor(module.format));
+    putField(output, "Architecture", wordFor(module.architecture));
+    putField(output, "Load address", hexText(module.loadAddress));
+    putField(output, "Entry point", module.entryPoint ? hexText(*module.entryPoint) : "none");
+    putField(output, "Image size", hexText(module.imageSize));
+    putField(output, "Symbol file",
+             module.symbolFile
+                 ? module.symbolFile->path + " (" + wordForSymbolFile(module.symbolFile->type) + ")"
+                 : "none");
+}
+
+void printTable(Output& output, std::string_view title, const TextTable& table) {
+    output.put('\n').put(title).put(table.isEmpty() ? ": none\n" : "\n");
+    if (!table.isEmpty())
+        table.print(output, 2);
+}
+
+void printCandidates(Output& output, const ModuleDescription& module) {
+    TextTable table({{"format", Align::Left}, {"state", Align::Left}, {"wanted", Align::Left}});
+    for (const Candidate& candidate : module.candidates)
+        table.addRow({wordForSymbolFile(candidate.kind),
+                      std::string(wordForCandidate(candidate.state)) + (candidate.isChosen ? ", chosen" : ""),
+                      candidate.wantedName.empty() ? "-" : printable(candidate.wantedName)});
+    printTable(output, "Candidates for the symbol file", table);
+}
+
+void printSegments(Output& output, const ModuleDescription& module) {
+    TextTable table({{"address", Align::Right},
+                     {"size", Align::Right},
+                     {"file offset", Align::Right},
+                     {"file size", Align::Right},
+                     {"kind", Align::Right},
+                     {"name", Align::Left}});
+    for (const SegmentDescription& segment : module.segments)
+        table.addRow({hexText(segment.address), hexText(segment.memorySize), hexText(segment.fileOffset),
+                      hexText(segment.fileSize), std::to_string(segment.kind), printable(segment.name)});
+    printTable(output, "Segments", table);
+}
+
+void printSections(Output& output, const ModuleDescription& module) {
+    TextTable table({{"address", Align::Right},
+                     {"size", Align::Right},
+                     {"file offset", Align::Right},
+                     {"name", Align::Left}});
+    for (const SectionDescription& section : module.sections)
+        table.addRow({hexText(section.address), hexText(section.size),
+                      section.fileOffset ? hexText(*section.fileOffset) : "-", printable(section.name)});
+    printTable(output, "Sections", table);
+}
+
+void printText(Output& output, const ModuleDescription& module) {
+    printFields(output, module);
+    printCandidates(output, module);
+    printSegments(output, module);
+    printSections(output, module);
+}
+
+// ---- JSON
+
+void optionalHex(JsonWriter& json, const std::optional<unsigned long long>& value) {
+    if (value)
+        json.hex(*value);
+    else
+        json.null();
+}
+
+void putSegments(JsonWriter& json, const ModuleDescription& module) {
+    json.key("segments").beginArray();
+    for (const SegmentDescription& segment : module.segments) {
+        json.beginObject().key("name").string(segment.name).key("kind").number(segment.kind);
+        json.key("address").hex(segment.address).key("size").hex(segment.memorySize);
+        json.key("fileOffset").hex(segment.fileOffset).key("fileSize").hex(segment.fileSize).endObject();
+    }
+    json.endArray();
+}
+
+void putSections(JsonWriter& json, const ModuleDescription& module) {
+    json.key("sections").beginArray();
+    for (const SectionDescription& section : module.sections) {
+        json.beginObject().key("name").string(section.name);
+        json.key("address").hex(section.address).key("size").hex(section.size);
+        optionalHex(json.key("fileOffset"), section.fileOffset);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void putSymbolFile(JsonWriter& json, const ModuleDescription& module) {
+    json.key("symbolFile");
+    if (!module.symbolFile) {
+        json.null();
+        return;
+    }
+    json.beginObject().key("path").string(module.symbolFile->path);
+    json.key("format").string(wordForSymbolFile(module.symbolFile->type)).endObject();
+}
+
+void putCandidates(JsonWriter& json, const ModuleDescription& module) {
+    json.key("candidates").beginArray();
+    for (const Candidate& candidate : module.candidates) {
+        json.beginObject().key("format").string(wordForSymbolFile(candidate.kind));
+        json.key("state").number(candidate.state).key("meaning").string(wordForCandidate(candidate.state));
+        json.key("wanted").string(candidate.wantedName);
+        json.key("required").boolean(candidate.isRequired).key("chosen").boolean(candidate.isChosen);
+        json.endObject();
+    }
+    json.endArray();
+}
+
+void printJson(Output& output, const ModuleDescription& module) {
+    JsonWriter json(output);
+    json.beginObject().key("module").string(module.path);
+    json.key("format").string(wordFor(module.format));
+    json.key("architecture").string(wordFor(module.architecture));
+    json.key("loadAddress").hex(module.loadAddress);
+    optionalHex(json.key("entryPoint"), module.entryPoint);
+    json.key("imageSize").hex(module.imageSize);
+    putSymbolFile(json, module);
+    putCandidates(json, module);
+    putSegments(json, module);
+    putSections(json, module);
+    json.endObject().endLine();
+}
+
+} // namespace
+
+int runInfo(const InfoOptions& options) {
+    ModuleSession session(options.module);
+    if (!session.load())
+        return exit_NotLoaded;
+    const ModuleDescription module = describe(session);
+    Output output(STDOUT_FILENO);
+    if (options.asJson)
+        printJson(output, module);
+    else
+        printText(output, module);
+    return finish(output);
+}
+
+} // namespace orn_tool

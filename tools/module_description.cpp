@@ -1,0 +1,77 @@
+// Collects what "orn info" tells. The bank answers about segments and about sections by name; the list of all
+// sections, loaded or not, only the format's loader has, so one is made beside the bank.
+
+#include "module_description.h"
+
+#include "orn/address.h"
+#include "orn/file_format_loader.h"
+
+namespace orn_tool {
+
+using namespace ORN_3_30;
+
+namespace {
+
+std::string textOf(const char* text) {
+    return text ? text : "";
+}
+
+std::vector<SegmentDescription> describeSegments(IModuleSymbolBank& bank) {
+    std::vector<SegmentDescription> all;
+    SymMgrObjectPtr<IIterator<ISegment*>> segments;
+    if (isFailure(bank.segments(segments)) || !segments)
+        return all;
+    while (ISegment* segment = segments->current()) {
+        all.push_back({textOf(segment->getName()), segment->getKind(),
+                       bank.preferredLoadAddress() + segment->getRva(), segment->getMemorySize(),
+                       segment->getFileOffset(), segment->getFileSize()});
+        if (!segments->next())
+            break;
+    }
+    return all;
+}
+
+SectionDescription describeSection(ISection& section) {
+    SectionDescription description{textOf(section.getName()), section.getAddress(), section.getSize(), {}};
+    if (!section.isNoBits())
+        description.fileOffset = section.getFileOffset();
+    return description;
+}
+
+std::vector<SectionDescription> describeSections(const std::string& path) {
+    std::vector<SectionDescription> all;
+    SymMgrObjectPtr<IFileFormatLoader> loader;
+    const status_t status =
+        IFileFormatLoader::create(loader, IModuleImage::create(path.c_str(), arch_unknown, false), nullptr);
+    if (isFailure(status) || !loader)
+        return all;
+    for (unsigned index = 0;; ++index) {
+        SymMgrObjectPtr<ISection> section;
+        loader->getSectionByIndex(section, index);
+        if (!section)
+            return all;
+        all.push_back(describeSection(*section));
+    }
+}
+
+} // namespace
+
+ModuleDescription describe(const ModuleSession& session) {
+    IModuleSymbolBank& bank = session.bank();
+    ModuleDescription module{};
+    module.path = textOf(bank.execFileName());
+    module.format = bank.execFileFormat();
+    module.architecture = bank.architecture();
+    module.loadAddress = bank.preferredLoadAddress();
+    if (SymMgrObjectPtr<IAddress> entry = bank.entryPoint())
+        module.entryPoint = entry->pseudoAddr();
+    module.imageSize = bank.imageSize();
+    module.segments = describeSegments(bank);
+    module.sections = describeSections(session.path());
+    if (bank.symFileFormat() != symbol_file_none)
+        module.symbolFile = {textOf(bank.symFileName()), bank.symFileFormat()};
+    module.candidates = session.candidates();
+    return module;
+}
+
+} // namespace orn_tool

@@ -1,0 +1,134 @@
+// Loads the module of a verb and says what is wrong if it cannot. The candidates for the symbol file are seen
+// by taking part in the choice: the library shows them to nobody else.
+
+#include "module_session.h"
+
+#include "output.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orn_tool {
+
+using namespace ORN_3_30;
+
+namespace {
+
+/// Chooses as the library's own resolver does, the first that is usable as it stands, and writes down what
+/// there was.
+class RecordingResolver : public ISymbolFileResolver {
+public:
+    explicit RecordingResolver(std::vector<Candidate>& record) : m_record(record) {}
+
+    long long resolveSymbolFile(
+        SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolFileToResolve>>>& candidates) override {
+        constexpr unsigned usable = 1;
+        long long chosen = -1;
+        m_record.clear();
+        candidates->reset();
+        while (SymMgrObjectPtr<ISymbolFileToResolve> candidate = candidates->current()) {
+            const unsigned state = candidate->state();
+            const bool isChosen = chosen < 0 && state == usable;
+            if (isChosen)
+                chosen = static_cast<long long>(m_record.size());
+            const char* wanted = candidate->wantedName();
+            m_record.push_back(
+                {wanted ? wanted : "", candidate->kind(), state, candidate->isRequired() != 0, isChosen});
+            if (!candidates->next())
+                break;
+        }
+        return chosen;
+    }
+
+private:
+    std::vector<Candidate>& m_record;
+};
+
+void printError(const std::string& line) {
+    Output error(STDERR_FILENO);
+    error.put("orn: ").put(line).put('\n');
+    error.flush();
+}
+
+std::string adviceForUnopened(const std::string& path) {
+    struct stat info = {};
+    if (path.empty() || stat(path.c_str(), &info) != 0) {
+        if (errno == EACCES)
+            return "a directory on the way may not be entered; ask for the rights";
+        return "there is no such file; check the path";
+    }
+    if (S_ISDIR(info.st_mode))
+        return "this is a directory; name a file in it";
+    if (!S_ISREG(info.st_mode))
+        return "this is no regular file; copy what it gives into one";
+    if (access(path.c_str(), R_OK) != 0)
+        return "the file may not be read; ask for the rights";
+    return "the file is there and may be read; try again";
+}
+
+std::string adviceFor(const std::string& path, status_t status) {
+    switch (status) {
+    case status_CantOpenFile:
+    case status_CantReadFile:
+    case status_FileNotExist:
+    case status_NotFound:
+    case status_EmptyFileName:
+    case status_InvalidArg:
+        return adviceForUnopened(path);
+    case status_UnknownFileFormat:
+        return "this is not a program, library or other kind of module that orn reads";
+    case status_BadFileFormat:
+    case status_NoSectionData:
+        return "the file is damaged or cut short; fetch or build it again";
+    case status_BadDebugInfo:
+        return "the debug information is damaged; build the module or its symbol file again";
+    case status_OutOfMemory:
+        return "free memory or raise the limit (ulimit -v) and try again";
+    case status_FileChanged:
+        return "the file changed while it was read; try again";
+    case status_NotImpl:
+    case status_NotSupported:
+    case status_UnsupportedFormatVersion:
+    case status_UnsupportedDebugInfoFormat:
+        return "this kind of module is not supported yet";
+    default:
+        return "no more is known; check the file with readelf or file";
+    }
+}
+
+} // namespace
+
+bool ModuleSession::load() {
+    status_t status = ISymbolManager::create(m_manager);
+    if (!isFailure(status)) {
+        RecordingResolver resolver(m_candidates);
+        status =
+            m_manager->loadSymbolsFromModule(m_path.c_str(), &resolver, m_bank, arch_unknown, false, nullptr);
+    }
+    if (!isFailure(status) && !m_bank)
+        status = status_Fail;
+    if (isFailure(status))
+        reportFailure(m_path, status);
+    return !isFailure(status);
+}
+
+int finish(Output& output) {
+    output.flush();
+    if (!output.hasFailed())
+        return exit_Done;
+    printError("cannot write the answers to the end; is there room where they go?");
+    return exit_NotLoaded;
+}
+
+void reportFailure(const std::string& path, status_t status) {
+    printError("cannot load '" + printable(path) + "': " + toUString(status) + ": " +
+               adviceFor(path, status));
+}
+
+void warnAboutSymbols(const std::string& path, status_t status) {
+    printError("not all symbols of '" + printable(path) + "' could be read: " + toUString(status) +
+               ": answers may be missing; check the file with readelf");
+}
+
+} // namespace orn_tool

@@ -1,0 +1,60 @@
+// One module, loaded for one run of a verb.
+#ifndef ORN_TOOLS_MODULE_SESSION_H
+#define ORN_TOOLS_MODULE_SESSION_H
+
+#include "orn/module_symbol_bank.h"
+#include "orn/symbol_manager.h"
+
+#include <string>
+#include <vector>
+
+namespace orn_tool {
+
+/// Exit status of the program. A write that fails counts as the first of the two failures.
+enum exit_status_t : int { exit_Done = 0, exit_NotLoaded = 1, exit_Usage = 2 };
+
+/// A candidate for the module's symbol file as it was when the choice was made.
+struct Candidate {
+    std::string wantedName;
+    unsigned kind;  ///< symbol_file_type_t
+    unsigned state; ///< as of ISymbolFileToResolve
+    bool isRequired;
+    bool isChosen;
+};
+
+/// Holds the manager and the bank, and with them everything that a verb asks for.
+class ModuleSession {
+public:
+    explicit ModuleSession(std::string path) : m_path(std::move(path)) {}
+    ModuleSession(const ModuleSession&) = delete;
+    ModuleSession& operator=(const ModuleSession&) = delete;
+
+    /// Loads the module; says on standard error what is wrong if that fails.
+    bool load();
+
+    /// As it stands on the command line.
+    const std::string& path() const { return m_path; }
+    ORN_3_30::IModuleSymbolBank& bank() const { return *m_bank; }
+    const std::vector<Candidate>& candidates() const { return m_candidates; }
+
+private:
+    std::string m_path;
+    ORN_3_30::SymMgrObjectPtr<ORN_3_30::ISymbolManager> m_manager;
+    ORN_3_30::SymMgrObjectPtr<ORN_3_30::IModuleSymbolBank> m_bank;
+    std::vector<Candidate> m_candidates;
+};
+
+class Output;
+
+/// Sends what is left and gives the exit status; says on standard error if something could not be written.
+int finish(Output& output);
+
+/// The one line about a module that cannot be loaded: path, status, and what a person can do.
+void reportFailure(const std::string& path, ORN_3_30::status_t status);
+
+/// Says that symbols could be read in part only.
+void warnAboutSymbols(const std::string& path, ORN_3_30::status_t status);
+
+} // namespace orn_tool
+
+#endif

@@ -1,0 +1,28 @@
+// Words for the library's enumerations.
+#ifndef ORN_TOOLS_NAMES_H
+#define ORN_TOOLS_NAMES_H
+
+#include "orn/types.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orn_tool {
+
+/// The words are what the command line takes, what JSON has, and what people read.
+const char* wordFor(ORN_3_30::symbol_kind_t kind);
+const char* wordFor(ORN_3_30::symbol_visibility_t visibility);
+const char* wordFor(ORN_3_30::exec_format_t format);
+const char* wordFor(ORN_3_30::arch_t architecture);
+/// `type`: a value of symbol_file_type_t.
+const char* wordForSymbolFile(unsigned type);
+/// `state`: what ISymbolFileToResolve::state() gives.
+const char* wordForCandidate(unsigned state);
+
+/// The words that --kind takes, with their masks.
+const std::vector<std::pair<std::string, ORN_3_30::symbol_kind_t>>& kindWords();
+
+} // namespace orn_tool
+
+#endif
