@@ -81,8 +81,11 @@ protected:
     SymMgrObjectPtr<DWARFSections> m_sections;
 
 private:
-    status_t readUnitHeader(SectionWalker& walker, DWARFUnitHeader& header, unsigned long long& length);
-    void relocateUnit(const DWARFUnitHeader& header, unsigned long long begin, unsigned long long length);
+    static status_t readUnitLength(SectionWalker& walker, DWARFUnitHeader& header,
+                                   unsigned long long& length);
+    static status_t readUnitHeader(const SectionWalker& walker, DWARFUnitHeader& header,
+                                   unsigned long long length);
+    void addUnit(const DWARFUnitHeader& header);
 
     UnitsByOffset m_compUnits;
     SymMgrObjectPtr<IFileFormatHelper> m_helper;

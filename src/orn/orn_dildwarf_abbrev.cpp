@@ -1,7 +1,7 @@
-// Reads abbreviation tables of `.debug_abbrev`. Called by the unit scan, once for each offset that units name.
-// A table is small beside the entries that it describes, and every entry is looked up in it: so whatever can
-// be known of an abbreviation's entries beforehand (the order of the attributes, their sizes, the place of the
-// sibling) is worked out here. Entries themselves are decoded in orn_dildwarf_attr.cpp.
+// Reads abbreviation tables of `.debug_abbrev`. Called by the unit scan, once for each offset that units
+// name. A table is small beside the entries that it describes, and every entry is looked up in it: so
+// whatever can be known of an abbreviation's entries beforehand (the order of the attributes, their sizes,
+// the place of the sibling) is worked out here. Entries themselves are decoded in orn_dildwarf_attr.cpp.
 
 #include "orn_dildwarf_abbrev.h"
 
@@ -112,14 +112,15 @@ private:
     void readSpecs(AbbrevEntry& entry) {
         m_specs.clear();
         for (;;) {
-            // A pair with one zero is a pair like any other; only two end the list, as the section's end does.
+            // A pair with one zero is a pair like any other; only two end the list, as the section's end
+            // does.
             const unsigned long long attribute = m_walker.readULEB();
             const unsigned long long form = m_walker.readULEB();
             if (attribute == 0 && form == 0)
                 break;
-            m_specs.push_back(
-                {attribute, form < AttrSpec::noForm ? static_cast<std::uint32_t>(form) : AttrSpec::noForm,
-                 AttrSpec::notKept});
+            m_specs.push_back({attribute,
+                               form < AttrSpec::noForm ? static_cast<std::uint32_t>(form) : AttrSpec::noForm,
+                               AttrSpec::notKept});
         }
         AttrSpec* specs = m_pool.make<AttrSpec>(m_specs.size());
         std::copy(m_specs.begin(), m_specs.end(), specs);

@@ -1,14 +1,15 @@
 // Decodes entries of `.debug_info` and follows the references between them. Called for every entry of every
-// walk: units, symbols, inlined code, stack variables. This is the hottest code of a load, so it works on plain
-// pointers, takes no memory once an AttrBindings object has served a few entries, and passes what nobody wants
-// without looking at it. Which entries are wanted is the walker's business (orn_dildwarf.cpp).
+// walk: units, symbols, inlined code, stack variables. This is the hottest code of a load, so it works on
+// plain pointers, takes no memory once an AttrBindings object has served a few entries, and passes what
+// nobody wants without looking at it. Which entries are wanted is the walker's business (orn_dildwarf.cpp).
 //
-// Bounds: an entry view is followed by endless zeros, like every view. EntryReader has that rule in its fast
-// form; a value that lies wholly inside is one comparison and one load.
+// Nothing is checked but what has to be: a view is followed by endless zeros, so that damaged entries decode
+// to something and end.
 
 #include "orn_dildwarf_attr.h"
 
 #include "orn_dildwarf.h"
+#include "orn_dildwarf_reader.h"
 #include "orn_log.h"
 
 #include <algorithm>
@@ -18,105 +19,14 @@ namespace ORN_3_30 {
 
 namespace {
 
-/// A walker's position taken apart for a loop over many small values. The walker is set by finish().
-class EntryReader {
-public:
-    explicit EntryReader(SectionWalker& walker)
-        : m_walker(walker), m_cursor(walker.cursor()), m_end(walker.end()),
-          m_beyond(walker.offset() > walker.size() ? walker.offset() - walker.size() : 0) {}
-
-    void finish() { m_walker.seek(offset()); }
-
-    unsigned long long offset() const {
-        const unsigned long long inside = static_cast<unsigned long long>(m_cursor - m_walker.begin());
-        return m_beyond > ~0ULL - inside ? ~0ULL : inside + m_beyond;
-    }
-    unsigned long long viewEnd() const { return m_walker.size(); }
-    unsigned long long remaining() const { return static_cast<unsigned long long>(m_end - m_cursor); }
-    const unsigned char* cursor() const { return m_cursor; }
-    std::uint8_t addressSize() const { return m_walker.addressSize(); }
-
-    std::uint8_t readU8() { return read<std::uint8_t>(); }
-    std::uint16_t readU16() { return read<std::uint16_t>(); }
-    std::uint32_t readU32() { return read<std::uint32_t>(); }
-    std::uint64_t readU64() { return read<std::uint64_t>(); }
-
-    unsigned long long readULEB() {
-        if (m_cursor != m_end && !(*m_cursor & 0x80))
-            return *m_cursor++;
-        return throughWalker([](SectionWalker& walker) { return walker.readULEB(); });
-    }
-    unsigned long long readSLEB() {
-        return throughWalker(
-            [](SectionWalker& walker) { return static_cast<unsigned long long>(walker.readSLEB()); });
-    }
-    unsigned long long readAddress() {
-        if (addressSize() == 8)
-            return readU64();
-        if (addressSize() == 4)
-            return readU32();
-        ORN_ASSERT(false);
-        return 0;
-    }
-    unsigned long long readOffset(bool is64Bit) { return is64Bit ? readU64() : readU32(); }
-
-    void skip(unsigned long long count) {
-        const unsigned long long inside = std::min(count, remaining());
-        m_cursor += inside;
-        const unsigned long long rest = count - inside;
-        m_beyond = rest > ~0ULL - m_beyond ? ~0ULL : m_beyond + rest;
-    }
-    /// To `offset`, which lies in the view.
-    void seekInside(unsigned long long offset) { m_cursor = m_walker.begin() + offset; }
-    void skipLEB() {
-        while (m_cursor != m_end) {
-            if (!(*m_cursor++ & 0x80))
-                return;
-        }
-    }
-    /// The same for the signed form, which past the view still reads its final zero byte.
-    void skipSLEB() {
-        const bool wasInside = m_cursor != m_end;
-        skipLEB();
-        if (m_cursor == m_end && (!wasInside || (m_cursor[-1] & 0x80)))
-            skip(1);
-    }
-
-private:
-    template <typename Width>
-    Width read() {
-        if (remaining() >= sizeof(Width)) {
-            Width value;
-            std::memcpy(&value, m_cursor, sizeof(value));
-            m_cursor += sizeof(value);
-            return value;
-        }
-        Width value = 0;
-        if (remaining() > 0)
-            std::memcpy(&value, m_cursor, remaining());
-        skip(sizeof(Width));
-        return value;
-    }
-    template <typename Read>
-    unsigned long long throughWalker(const Read& readValue) {
-        finish();
-        const unsigned long long value = readValue(m_walker);
-        m_cursor = m_walker.cursor();
-        m_beyond = m_walker.offset() > m_walker.size() ? m_walker.offset() - m_walker.size() : 0;
-        return value;
-    }
-
-    SectionWalker& m_walker;
-    const unsigned char* m_cursor;
-    const unsigned char* m_end;
-    unsigned long long m_beyond; ///< how far the position is behind the end
-};
-
 /// What decoding and skipping need of a unit.
 struct UnitForms {
     explicit UnitForms(const DWARFCompilationUnit& unit)
-        : loadBias(unit.getLoadBias()), unitOffset(unit.header().offset), is64Bit(unit.isBigOffsets()),
-          offsetSize(unit.getOffsetSize()), addressSize(unit.getAddressSize()),
+        : loadBias(unit.getLoadBias()),
+          unitOffset(unit.header().offset),
+          is64Bit(unit.isBigOffsets()),
+          offsetSize(unit.getOffsetSize()),
+          addressSize(unit.getAddressSize()),
           refAddrIsAddress(unit.getVersion() < 3) {}
 
     bool hasUsualAddresses() const { return addressSize == 4 || addressSize == 8; }
@@ -132,7 +42,7 @@ struct UnitForms {
 enum class Outcome { kept, dropped, undecodable };
 
 /// `DW_FORM_sec_offset` alone is read with a bound.
-bool readSecOffset(EntryReader& walker, bool is64Bit, unsigned long long& attrValue) {
+bool readSecOffset(ViewReader& walker, bool is64Bit, unsigned long long& attrValue) {
     const unsigned width = is64Bit ? 8 : 4;
     const bool isHeld = walker.remaining() >= width;
     if (is64Bit)
@@ -144,19 +54,19 @@ bool readSecOffset(EntryReader& walker, bool is64Bit, unsigned long long& attrVa
     return isHeld;
 }
 
-void takeBlock(EntryReader& reader, unsigned long long length, unsigned form, AttrBinding& out) {
+void takeBlock(ViewReader& reader, unsigned long long length, unsigned form, AttrBinding& out) {
     out = {form, std::min(length, reader.remaining()), reader.cursor()};
     reader.skip(length);
 }
 
-void takeText(EntryReader& reader, DWARFSections& sections, AttrBinding& out) {
+void takeText(ViewReader& reader, DWARFSections& sections, AttrBinding& out) {
     out.form = DW_FORM_string;
     out.data = sections.textInInfo(reader.offset(), reader.viewEnd(), out.value);
     reader.skip(out.value + 1);
 }
 
 /// The decoding table of forms.
-Outcome decodeValue(EntryReader& reader, unsigned form, const UnitForms& unit, DWARFSections& sections,
+Outcome decodeValue(ViewReader& reader, unsigned form, const UnitForms& unit, DWARFSections& sections,
                     AttrBinding& out) {
     const auto number = [&out](unsigned normalised, unsigned long long value) {
         out = {normalised, value, nullptr};
@@ -229,7 +139,7 @@ Outcome decodeValue(EntryReader& reader, unsigned form, const UnitForms& unit, D
         return number(DW_FORM_ref_sig8, ~0ULL);
     case DW_FORM_GNU_addr_index:
     case DW_FORM_GNU_str_index:
-        reader.skipLEB();
+        reader.skipULEB();
         return Outcome::dropped;
     case DW_FORM_GNU_ref_alt:
     case DW_FORM_GNU_strp_alt:
@@ -241,7 +151,7 @@ Outcome decodeValue(EntryReader& reader, unsigned form, const UnitForms& unit, D
 }
 
 /// The form that an entry names itself; one indirection may name another.
-std::uint32_t readIndirectForm(EntryReader& reader) {
+std::uint32_t readIndirectForm(ViewReader& reader) {
     unsigned long long form = DW_FORM_indirect;
     while (form == DW_FORM_indirect)
         form = reader.readULEB();
@@ -249,7 +159,7 @@ std::uint32_t readIndirectForm(EntryReader& reader) {
 }
 
 /// Passes a value that nobody wants. False if it cannot be decoded.
-bool skipValue(EntryReader& reader, std::uint32_t form, const UnitForms& unit) {
+bool skipValue(ViewReader& reader, std::uint32_t form, const UnitForms& unit) {
     switch (form) {
     case DW_FORM_addr:
         if (unit.hasUsualAddresses())
@@ -295,7 +205,7 @@ bool skipValue(EntryReader& reader, std::uint32_t form, const UnitForms& unit) {
     case DW_FORM_ref_udata:
     case DW_FORM_GNU_addr_index:
     case DW_FORM_GNU_str_index:
-        reader.skipLEB();
+        reader.skipULEB();
         return true;
     case DW_FORM_flag_present:
         return true;
@@ -315,7 +225,7 @@ bool skipValue(EntryReader& reader, std::uint32_t form, const UnitForms& unit) {
 }
 
 /// The sibling of an abbreviation that has it in a fixed place, from the bytes at the reader.
-unsigned long long fixedSibling(const EntryReader& reader, const AbbrevEntry& abbrev, const UnitForms& unit) {
+unsigned long long fixedSibling(const ViewReader& reader, const AbbrevEntry& abbrev, const UnitForms& unit) {
     unsigned long long value = 0;
     std::memcpy(&value, reader.cursor() + abbrev.sizesToSibling.total(unit.addressSize, unit.offsetSize),
                 abbrev.siblingWidth);
@@ -323,7 +233,7 @@ unsigned long long fixedSibling(const EntryReader& reader, const AbbrevEntry& ab
 }
 
 /// Passes all attributes one by one, for entries that are of no fixed size or are cut off.
-bool skipEachAttribute(EntryReader& reader, const AbbrevEntry& abbrev, const UnitForms& unit,
+bool skipEachAttribute(ViewReader& reader, const AbbrevEntry& abbrev, const UnitForms& unit,
                        DWARFSections& sections, unsigned long long& sibling) {
     bool siblingSeen = false;
     for (std::uint32_t i = 0; i < abbrev.specCount; ++i) {
@@ -348,7 +258,7 @@ bool skipEachAttribute(EntryReader& reader, const AbbrevEntry& abbrev, const Uni
     return true;
 }
 
-inline bool skipAllAttributes(EntryReader& reader, const AbbrevEntry& abbrev, const UnitForms& unit,
+inline bool skipAllAttributes(ViewReader& reader, const AbbrevEntry& abbrev, const UnitForms& unit,
                               DWARFSections& sections, unsigned long long& sibling) {
     sibling = 0;
     if (abbrev.isFixedSize && unit.hasUsualAddresses()) {
@@ -365,7 +275,7 @@ inline bool skipAllAttributes(EntryReader& reader, const AbbrevEntry& abbrev, co
 
 /// Null at a null entry, and after the message at a code that the table does not define: then the reader goes
 /// to the end of its view, so that nothing is decoded out of step.
-inline const AbbrevEntry* readCode(EntryReader& reader, const AbbrevTable& table) {
+inline const AbbrevEntry* readCode(ViewReader& reader, const AbbrevTable& table) {
     const unsigned long long code = reader.readULEB();
     if (code == 0)
         return nullptr;
@@ -382,7 +292,7 @@ const AttrShape AttrBindings::s_noAttributes;
 /// Fills AttrBindings objects.
 class AttrDecoder {
 public:
-    AttrDecoder(EntryReader& reader, const DWARFCompilationUnit& unit, AttrBindings& out)
+    AttrDecoder(ViewReader& reader, const DWARFCompilationUnit& unit, AttrBindings& out)
         : m_reader(reader), m_forms(unit), m_sections(*unit.getSections()), m_out(out) {}
 
     bool decode(const AbbrevEntry& abbrev, unsigned long long entryStart) {
@@ -445,7 +355,7 @@ private:
         m_out.m_shape = &own.shape;
     }
 
-    EntryReader& m_reader;
+    ViewReader& m_reader;
     UnitForms m_forms;
     DWARFSections& m_sections;
     AttrBindings& m_out;
@@ -453,7 +363,7 @@ private:
 
 namespace {
 
-bool decodeAttributes(EntryReader& reader, DWARFCompilationUnit& unit, const AbbrevEntry& abbrev,
+bool decodeAttributes(ViewReader& reader, DWARFCompilationUnit& unit, const AbbrevEntry& abbrev,
                       unsigned long long start, AttrBindings& out) {
     if (AttrDecoder(reader, unit, out).decode(abbrev, start))
         return true;
@@ -602,7 +512,7 @@ SectionWalker DWARFCompilationUnit::walkerAt(unsigned long long offset) const {
 
 bool DWARFCompilationUnit::readAttrBindings(SectionWalker& walker, AttrBindings& attrBindings) {
     attrBindings.reset(this);
-    EntryReader reader(walker);
+    ViewReader reader(walker);
     const unsigned long long start = reader.offset();
     const AbbrevEntry* abbrev = readCode(reader, *m_abbrevsMap);
     const bool isDecoded = abbrev && decodeAttributes(reader, *this, *abbrev, start, attrBindings);
@@ -616,7 +526,7 @@ bool DWARFCompilationUnit::readAttrBindingsAt(unsigned long long offset, AttrBin
 }
 
 DWARFCompilationUnit::EntryCode DWARFCompilationUnit::readEntryCode(SectionWalker& walker) const {
-    EntryReader reader(walker);
+    ViewReader reader(walker);
     EntryCode code;
     code.start = reader.offset();
     code.abbrev = readCode(reader, *m_abbrevsMap);
@@ -627,7 +537,7 @@ DWARFCompilationUnit::EntryCode DWARFCompilationUnit::readEntryCode(SectionWalke
 bool DWARFCompilationUnit::readAttributes(SectionWalker& walker, const EntryCode& code,
                                           AttrBindings& attrBindings) {
     attrBindings.reset(this);
-    EntryReader reader(walker);
+    ViewReader reader(walker);
     const bool isDecoded = decodeAttributes(reader, *this, *code.abbrev, code.start, attrBindings);
     reader.finish();
     return isDecoded;
@@ -635,7 +545,7 @@ bool DWARFCompilationUnit::readAttributes(SectionWalker& walker, const EntryCode
 
 bool DWARFCompilationUnit::skipAttributes(SectionWalker& walker, const EntryCode& code,
                                           unsigned long long& sibling) const {
-    EntryReader reader(walker);
+    ViewReader reader(walker);
     const UnitForms forms(*this);
     const bool isSkipped = skipAllAttributes(reader, *code.abbrev, forms, *m_sections, sibling);
     if (!isSkipped)
@@ -645,7 +555,7 @@ bool DWARFCompilationUnit::skipAttributes(SectionWalker& walker, const EntryCode
 }
 
 void DWARFCompilationUnit::skipChildren(SectionWalker& walker, unsigned long long sibling) const {
-    EntryReader reader(walker);
+    ViewReader reader(walker);
     const UnitForms forms(*this);
     // A sibling that leads back, or out of the unit, would have entries read twice or not at all.
     const auto followSibling = [&](unsigned long long offset) {

@@ -22,10 +22,17 @@ struct AttrBinding {
     unsigned long long value; ///< the number, or the length of a block or of a `DW_FORM_string`
     const void* data;         ///< a text or a block; null otherwise, and for a text outside `.debug_str`
 
-    /// The text, null unless the attribute is one.
-    const char* text() const { return static_cast<const char*>(data); }
+    /// The text; null unless the attribute is one, since a block has no end mark.
+    const char* text() const {
+        return form == DW_FORM_string || form == DW_FORM_strp ? static_cast<const char*>(data) : nullptr;
+    }
     const unsigned char* bytes() const { return static_cast<const unsigned char*>(data); }
 };
+
+/// The text of an attribute that may be absent (null) or be none.
+inline const char* textOf(const AttrBinding* binding) {
+    return binding ? binding->text() : nullptr;
+}
 
 /// One decoded entry: its tag and its attributes in ascending order, the first of equal ones.
 ///

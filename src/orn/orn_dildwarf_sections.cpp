@@ -148,6 +148,11 @@ const char* DWARFSections::textInInfo(unsigned long long position, unsigned long
     return end < viewEnd ? begin : terminatedTail(position, viewEnd);
 }
 
+const char* DWARFSections::keepText(const std::string& text) {
+    ScopedLock guard(&m_textLock);
+    return m_keptTexts.insert(text).first->c_str();
+}
+
 /// The zero byte behind `position`, or the view's end. No byte is searched twice.
 unsigned long long DWARFSections::endOfText(unsigned long long position, unsigned long long viewEnd) {
     auto known = m_longTextEnds.upper_bound(position);

@@ -8,6 +8,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -79,6 +80,9 @@ public:
     const char* textInInfo(unsigned long long position, unsigned long long viewEnd,
                            unsigned long long& length);
 
+    /// A copy of `text` that lives as long as this object.
+    const char* keepText(const std::string& text);
+
 private:
     status_t read();
     void readRelocated(ISectionData* section, RelocatedSection& out);
@@ -101,7 +105,8 @@ private:
     const unsigned char* m_rangesBegin = nullptr;
     unsigned long long m_rangesSize = 0;
 
-    OrnLock m_textLock; ///< guards what textInInfo notes of unusual texts
+    OrnLock m_textLock; ///< guards what is noted of unusual texts
+    std::set<std::string> m_keptTexts;
     /// Long runs without a zero byte, from begin to end: damaged data may name one from many places.
     std::map<unsigned long long, unsigned long long> m_longTextEnds;
     /// Copies of the unterminated ends of views, by the end: the place where it begins, and the text.

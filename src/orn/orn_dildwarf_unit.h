@@ -74,10 +74,13 @@ public:
     unsigned getOffsetSize() const { return m_header.is64Bit ? 8 : 4; }
     unsigned long long getSize() const { return m_header.size; }
     std::uint32_t getHeaderSize() const { return m_header.headerSize; }
+    /// Without the load bias: what range lists are relative to. 0 if the unit has none.
     unsigned long long getLowPc() const { return m_lowPc; }
     unsigned long long getLoadBias() const { return m_loadBias; }
     const char* getName() const { return m_name.c_str(); }
     const char* getProducer() const { return m_producer.c_str(); }
+    bool hasStmtList() const { return m_hasStmtList; }
+    unsigned long long getStmtList() const { return m_stmtList; }
     bool isFortran() const { return m_language == language_Fortran; }
     /// Whether DW_AT_sibling may be followed in this unit.
     bool trustsSiblings() const {
@@ -94,6 +97,9 @@ public:
     bool getFirstFile(unsigned long long& out) const;
     DWARFSections* getSections() const { return m_sections; }
     DWARFDebugInfoLoader* getLoader() const { return m_loader; }
+    /// Forgets directories and files: the line program's header is about to be read.
+    void clearFiles();
+    /// The resolver that files and rows go to; without one, lines are not read yet. Borrowed.
     void setLineResolver(LineResolver* resolver) { m_lineResolver = resolver; }
     LineResolver* getLineResolver() const { return m_lineResolver; }
 
@@ -139,10 +145,8 @@ public:
     void mergeCompileOptions(const char* text);
 
 private:
-    friend class DWARFLineProgram;
-
     void readTopEntry(AttrBindings& attrs);
-    void setTextOf(AttrBindings& attrs, unsigned long long attribute, std::string& out);
+    static void readText(AttrBindings& attrs, unsigned long long attribute, std::string& out);
     bool reachesTo(unsigned long long offset) const {
         return offset >= m_header.offset && offset - m_header.offset <= m_header.size;
     }
@@ -154,6 +158,7 @@ private:
     void parseOptReportFile();
 
     ISourceFile* findMainFile();
+    status_t runLineProgram(RangeFilter* ranges);
 
     DWARFUnitHeader m_header;
     std::shared_ptr<const AbbrevTable> m_abbrevsMap; ///< shared by the units of one abbreviation offset
@@ -167,8 +172,8 @@ private:
     std::string m_compileOptions;
     ISourceFile* m_sourceFile = nullptr; ///< borrowed from the line resolver
     std::string m_producer;
-    unsigned long long m_lowPc = 0;
-    unsigned long long m_loadBias; ///< added to every DW_FORM_addr and to every line address
+    unsigned long long m_lowPc = 0; ///< without the load bias
+    unsigned long long m_loadBias;  ///< added to every DW_FORM_addr and to every line address
     compiler_kind_t m_compilerKind = compiler_Unknown;
     std::uint32_t m_compilerMajor = 0;
     std::uint32_t m_compilerMinor = 0;
