@@ -3,11 +3,11 @@
 #define ORN_DILDWARF_H
 
 #include "orn/address_mapping.h"
+#include "orn_dildwarf_types.h"
 #include "orn_dildwarf_unit.h"
 #include "orn_ffl.h"
 #include "orn_scope.h"
 
-#include <deque>
 #include <map>
 #include <string>
 #include <utility>
@@ -21,25 +21,42 @@ namespace dwarf_utils {
 
 /// The interval that an entry's low and high attributes tell; either may be null. Without a high one the
 /// interval is empty; a high one that is no address is an offset from the low one.
-ORN_API void calculateHighLowAdresses(AttrBinding* lowAttr, AttrBinding* highAttr, unsigned long long& low,
+ORN_API void calculateHighLowAdresses(const AttrBinding* lowAttr, const AttrBinding* highAttr, unsigned long long& low,
                                       unsigned long long& high);
 
 } // namespace dwarf_utils
 
+/// The segments of a module, for the question whether an address lies in one. Both ends of a segment belong
+/// to it.
+class SegmentSpans {
+public:
+    /// Reads the segments at the first call.
+    void ensureRead(IFileFormatLoader& loader);
+    /// Whether one segment holds both addresses.
+    bool holdBoth(unsigned long long low, unsigned long long high) const;
+
+private:
+    struct Span {
+        unsigned long long begin;
+        unsigned long long greatestEnd; ///< of the spans up to and with this one
+    };
+    std::vector<Span> m_spans; ///< ascending by begin
+    bool m_isRead = false;
+};
+
 /// Reads DWARF 2 to 4. Everything is lazy: the first need of symbols or lines scans the units, a walk reads
 /// entries no deeper than the outermost functions, a function's own children are read when someone asks.
 ///
-/// Runs under the global scope's loading lock; m_scopeStack is a member, so that walks must not overlap.
+/// Runs under the global scope's loading lock, which getLineResolver() brings.
 class DWARFDebugInfoLoader : public DebugInfoLoader {
 public:
     using UnitsByOffset = std::map<unsigned long long, SymMgrObjectPtr<DWARFCompilationUnit>>;
-    using RangeDeque = std::deque<std::pair<unsigned long long, unsigned long long>>;
+    /// Intervals of a range list, in the order of the list.
+    using RangeDeque = std::vector<std::pair<unsigned long long, unsigned long long>>;
 
-    /// `flags` of a walk beside symbol_kind_t: below an inlined subroutine.
-    static constexpr symbol_kind_t belowInlined = static_cast<symbol_kind_t>(0x20);
-
-    DWARFDebugInfoLoader(FileFormatLoader* formatLoader, IFileFormatHelper* helper, const char* symFileName,
-                         ILock* lock);
+    /// `bias` is added to every address of the symbol file. `lock` guards the count.
+    DWARFDebugInfoLoader(FileFormatLoader* formatLoader, const char* symFileName, IFileFormatHelper* helper,
+                         unsigned long long bias, ILock* lock);
     ~DWARFDebugInfoLoader() override;
 
     const char* getPath() override { return m_symFileName.c_str(); }
@@ -61,13 +78,22 @@ public:
     const UnitsByOffset& units() const { return m_compUnits; }
     IFileFormatHelper* helper() const { return m_helper; }
     DWARFSections& sections() const { return *m_sections; }
+    IFileFormatLoader& fileLoader() const { return *formatLoader(); }
+    /// Null where nothing maps addresses.
+    IAddressMapping* addressMapping() const { return m_addressMapping; }
+    const SegmentSpans& segments() const { return m_segments; }
+    DWARFTypes& types() { return m_types; }
+    /// Borrowed from the scope that asked for the line resolver last; null before.
+    ILock* loadLock() const { return m_loadLock; }
 
-    /// Scans the units if that was not done, and reads their top entries. A failure is kept for loadSymbols.
-    status_t ensureUnits();
-
-    /// Reads the children of a function's scope: the walk behind DWARFScope::loadContent.
+    /// Reads the children of an entry into the scope's own table: what is behind DWARFScope::loadContent.
     status_t loadChildren(DWARFCompilationUnit& unit, unsigned long long entryOffset, Scope& scope,
                           symbol_kind_t flags);
+    /// Reads the list that `rangesAttr` names into `out` (may be null), which is cleared first, and gives the
+    /// smallest address. Addresses are those of the module. A nonzero `limit` is an address that a base
+    /// selection must not carry a range beyond.
+    unsigned long long readRanges(DWARFCompilationUnit& unit, const AttrBinding* rangesAttr,
+                                  unsigned addressSize, RangeDeque* out, unsigned long long limit);
 
 protected:
     // orn_dildwarf_scan.cpp
@@ -78,6 +104,8 @@ protected:
     /// Reads all units.
     status_t scanUnits();
 
+    void setAddressMapping(IAddressMapping* mapping) { m_addressMapping = mapping; }
+
     SymMgrObjectPtr<DWARFSections> m_sections;
 
 private:
@@ -87,18 +115,25 @@ private:
                                    unsigned long long length);
     void addUnit(const DWARFUnitHeader& header);
 
+    status_t ensureUnits();
+    status_t ensureSections();
+    void loadUnitSymbols(ISymbolTable* sink, LoadFilter* filter, symbol_kind_t flags);
+
     UnitsByOffset m_compUnits;
     SymMgrObjectPtr<IFileFormatHelper> m_helper;
     std::string m_symFileName;
     status_t m_lineStatus;
     DWARFLineResolver* m_lineResolver;
     SymMgrObjectPtr<ISrcLineResolver> m_lineResolverRef;
-    std::deque<Scope*> m_scopeStack;
+    ILock* m_loadLock;
     SymMgrObjectPtr<IAddressMapping> m_addressMapping; ///< null here
     AbbrevTables m_abbrevTables;
+    SegmentSpans m_segments;
+    DWARFTypes m_types;
     bool m_loadDwarfSymbols; ///< false: units, lines and compiler details, and no symbols
     status_t m_status;
     status_t m_scanStatus; ///< of a scan that a line query met failing, until loadSymbols returns it
+    bool m_topEntriesRead;
 };
 
 } // namespace ORN_3_30
