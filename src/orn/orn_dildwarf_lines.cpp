@@ -5,6 +5,7 @@
 
 #include "orn_dildwarf_lines.h"
 
+#include "orn/line_table.h"
 #include "orn_dildwarf_reader.h"
 #include "orn_filename.h"
 #include "orn_log.h"
@@ -36,6 +37,18 @@ const char* readText(SectionWalker& walker, std::string& copy) {
 }
 
 } // namespace
+
+DWARFLineResolver::DWARFLineResolver(IFileFormatLoader& loader, IDebugInfoLoader* debugLoader, IScope* scope,
+                                     ILock* loadLock)
+    : LineResolver(&loader, debugLoader, scope, loadLock) {
+    setLineTable(ILineTable::create(loader, *this));
+}
+
+void DWARFLineResolver::addLineRange(unsigned long long unitId, unsigned fileId, unsigned line,
+                                     unsigned column, unsigned long long address, unsigned long long size,
+                                     unsigned long long extra) {
+    lineTable()->addLineRange(unitId, fileId, line, column, address, size, extra);
+}
 
 void DWARFLineState::restart() {
     address = 0;
@@ -157,7 +170,7 @@ bool DWARFLineProgram::addFile(SectionWalker& walker, bool stopOnEmpty) {
         m_path = m_name;
     else
         appendPath(m_path, directory, m_name);
-    m_resolver.registerFile(&m_unit, m_path, modificationTime, length);
+    m_resolver.registerFile(m_unit, m_path, modificationTime, length);
     return true;
 }
 

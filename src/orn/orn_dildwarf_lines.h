@@ -12,6 +12,17 @@
 
 namespace ORN_3_30 {
 
+/// The line resolver of a DWARF loader: it owns the line table that its units' programs fill.
+class DWARFLineResolver : public LineResolver {
+public:
+    /// All but `loader` may be null; borrowed as LineResolver says.
+    DWARFLineResolver(IFileFormatLoader& loader, IDebugInfoLoader* debugLoader, IScope* scope,
+                      ILock* loadLock);
+
+    void addLineRange(unsigned long long unitId, unsigned fileId, unsigned line, unsigned column,
+                      unsigned long long address, unsigned long long size, unsigned long long extra) override;
+};
+
 /// The registers of a line program; a value in the caller's frame. The first group comes from the header and
 /// does not change while the program runs.
 struct DWARFLineState {

@@ -109,16 +109,13 @@ unsigned DWARFCompilationUnit::getFileId(unsigned number) {
 ISourceFile* DWARFCompilationUnit::findSourceFile(const char* path) {
     if (!ORN_ASSERT_TEXT(path != nullptr, "false"))
         return nullptr;
-    for (unsigned i = 0, count = m_lineResolver ? m_lineResolver->fileCount() : 0; i < count; ++i) {
-        ISourceFile* file = m_lineResolver->fileAt(i);
-        if (file && std::string_view(path) == file->name())
-            return file;
-    }
-    return nullptr;
+    return m_lineResolver ? m_lineResolver->fileByPath(path) : nullptr;
 }
 
 ISourceFile* DWARFCompilationUnit::getSourceFile() {
     try {
+        ScopedLock loading(loadLock());
+        ScopedLock guard(&m_lock);
         if (m_sourceFile)
             return m_sourceFile;
         // The file table is read with the lines; how that ends says nothing about the files.
@@ -143,8 +140,14 @@ ISourceFile* DWARFCompilationUnit::findMainFile() {
     return m_lineResolver->fileAt(m_fileIds.front());
 }
 
+/// Files and rows go to what all units share, under this lock. It comes before a unit's own.
+ILock* DWARFCompilationUnit::loadLock() const {
+    return m_lineResolver ? m_lineResolver->loadLock() : nullptr;
+}
+
 status_t DWARFCompilationUnit::loadLines(RangeFilter* ranges) {
     try {
+        ScopedLock loading(loadLock());
         ScopedLock guard(&m_lock);
         if (m_lineStatus != status_NotInitialized)
             return m_lineStatus;

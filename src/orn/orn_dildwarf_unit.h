@@ -157,6 +157,7 @@ private:
     void parseVexorProducer();
     void parseOptReportFile();
 
+    ILock* loadLock() const;
     ISourceFile* findMainFile();
     status_t runLineProgram(RangeFilter* ranges);
 

@@ -97,9 +97,11 @@ ByteAssembler::Label DwarfAssembler::writeLength(ByteAssembler& out, bool is64Bi
 
 DwarfAssembler& DwarfAssembler::beginUnit(const DwarfUnitOptions& options) {
     m_unit = options;
+    m_units.push_back({m_info.size(), 0});
     m_unitBegin = m_info.here();
     m_unitEnd = writeLength(m_info, options.is64Bit, options.length);
     m_info.u16(options.version).number(options.abbrevOffset, offsetSize()).u8(options.addressSize);
+    m_units.back().firstEntry = m_info.size();
     return *this;
 }
 

@@ -4,7 +4,6 @@
 #include "elf_assembler.h"
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -86,6 +85,11 @@ public:
     ByteAssembler& str() { return m_str; }
     ByteAssembler& line() { return m_line; }
     ByteAssembler& ranges() { return m_ranges; }
+    const ByteAssembler& abbrev() const { return m_abbrev; }
+    const ByteAssembler& info() const { return m_info; }
+    const ByteAssembler& str() const { return m_str; }
+    const ByteAssembler& line() const { return m_line; }
+    const ByteAssembler& ranges() const { return m_ranges; }
 
     // .debug_abbrev
     DwarfAssembler& abbreviation(uint64_t code, uint64_t tag, bool hasChildren, std::vector<DwarfSpec> specs);
@@ -98,6 +102,10 @@ public:
                           const std::string& label = "");
     DwarfAssembler& null();
     DwarfAssembler& endUnit();
+    /// Offset in `.debug_info` of unit number `index`, and of what follows its header.
+    size_t unitCount() const { return m_units.size(); }
+    uint64_t unitOffset(size_t index) const { return m_units.at(index).offset; }
+    uint64_t firstEntryOffset(size_t index) const { return m_units.at(index).firstEntry; }
     /// Offset in `.debug_info` of an entry of `entry`.
     uint64_t offsetOf(const std::string& label) const { return m_info.offsetOf(label); }
 
@@ -141,6 +149,11 @@ private:
     ByteAssembler m_ranges;
     std::map<uint64_t, std::vector<DwarfSpec>> m_specs;
     std::map<std::string, uint64_t, std::less<>> m_strings;
+    struct Unit {
+        uint64_t offset;
+        uint64_t firstEntry;
+    };
+    std::vector<Unit> m_units;
     DwarfUnitOptions m_unit;
     std::optional<ByteAssembler::Label> m_unitBegin;
     std::optional<ByteAssembler::Label> m_unitEnd;
