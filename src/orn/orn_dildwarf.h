@@ -89,6 +89,8 @@ public:
     /// Reads the children of an entry into the scope's own table: what is behind DWARFScope::loadContent.
     status_t loadChildren(DWARFCompilationUnit& unit, unsigned long long entryOffset, Scope& scope,
                           symbol_kind_t flags);
+    /// Reads the members of the structure that a variable or member is into the scope's own table.
+    void loadMembers(DWARFCompilationUnit& unit, unsigned long long entryOffset, Scope& scope);
     /// Reads the list that `rangesAttr` names into `out` (may be null), which is cleared first, and gives the
     /// smallest address. Addresses are those of the module. A nonzero `limit` is an address that a base
     /// selection must not carry a range beyond.

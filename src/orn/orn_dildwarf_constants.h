@@ -32,6 +32,7 @@ enum : unsigned {
     DW_TAG_subrange_type = 0x21,
     DW_TAG_base_type = 0x24,
     DW_TAG_const_type = 0x26,
+    DW_TAG_packed_type = 0x2d,
     DW_TAG_subprogram = 0x2e,
     DW_TAG_try_block = 0x32,
     DW_TAG_variable = 0x34,
@@ -39,6 +40,7 @@ enum : unsigned {
     DW_TAG_restrict_type = 0x37,
     DW_TAG_namespace = 0x39,
     DW_TAG_partial_unit = 0x3c,
+    DW_TAG_shared_type = 0x40,
     DW_TAG_rvalue_reference_type = 0x42,
     /// Vendor: a child of a unit with further compile options.
     DW_TAG_VEXOR_compile_options = 0x7000,

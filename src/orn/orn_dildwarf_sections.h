@@ -52,7 +52,9 @@ private:
 /// The debug sections of one symbol file. `ensureRead` fetches them from the file, once; nothing else reads.
 class DWARFSections : public SymMgrObjectImpl {
 public:
-    explicit DWARFSections(IFileFormatHelper* helper) : m_helper(helper) {}
+    /// `bias` is added to every address of the symbol file, beside what its contents bring.
+    explicit DWARFSections(IFileFormatHelper* helper, unsigned long long bias = 0)
+        : m_helper(helper), m_bias(bias) {}
 
     IFileFormatHelper* helper() const { return m_helper; }
 
@@ -60,6 +62,7 @@ public:
     /// `status_NoDebugInfo`, or the failure to decompress it. Asked again it gives the same answer.
     status_t ensureRead();
 
+    unsigned long long loadBias() const { return m_bias + m_info.bias(); }
     RelocatedSection& info() { return m_info; }
     RelocatedSection& line() { return m_line; }
     /// Null if there is none.
@@ -91,6 +94,7 @@ private:
     const char* terminatedTail(unsigned long long position, unsigned long long viewEnd);
 
     SymMgrObjectPtr<IFileFormatHelper> m_helper;
+    unsigned long long m_bias;
     status_t m_status = status_NotInitialized; ///< of the only reading
     RelocatedSection m_info;
     RelocatedSection m_line;

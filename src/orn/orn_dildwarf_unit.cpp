@@ -42,7 +42,7 @@ DWARFCompilationUnit::DWARFCompilationUnit(const DWARFUnitHeader& header,
                                            DWARFSections* sections, DWARFDebugInfoLoader* loader)
     : m_header(header),
       m_abbrevsMap(std::move(abbrevs)),
-      m_loadBias(sections->info().bias()),
+      m_loadBias(sections->loadBias()),
       m_sections(sections),
       m_loader(loader) {}
 

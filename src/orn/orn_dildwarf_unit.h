@@ -97,6 +97,11 @@ public:
     bool getFirstFile(unsigned long long& out) const;
     DWARFSections* getSections() const { return m_sections; }
     DWARFDebugInfoLoader* getLoader() const { return m_loader; }
+    /// The loader dies, and with it what it lent; symbols may hold the unit longer.
+    void forgetLoader() {
+        m_loader = nullptr;
+        m_lineResolver = nullptr;
+    }
     /// Forgets directories and files: the line program's header is about to be read.
     void clearFiles();
     /// The resolver that files and rows go to; without one, lines are not read yet. Borrowed.

@@ -353,7 +353,7 @@ GlobalScope::GlobalScope(IFileFormatLoader* fileLoader, IDebugInfoLoader* debugL
       m_debugLoader(debugLoader),
       m_loadFilter(&m_interestingAddresses) {
     if (m_debugLoader)
-        m_lineResolver = m_debugLoader->getLineResolver(this, tableLock());
+        m_lineResolver = m_debugLoader->getLineResolver(this, &m_loadLock);
 }
 
 /// Here, and not in the members' own destructors: tables and resolvers are guarded by locks of this scope.

@@ -113,6 +113,7 @@ public:
 
     Scope* parentScope() const { return m_parent; }
     bool hasThunks() const { return m_extras && !m_extras->thunks.empty(); }
+    bool hasTable() const { return m_extras && m_extras->table; }
     /// A table has taken the scope for good; a scope enters one table once.
     bool isOwnedByTable() const { return m_ownedByTable; }
     void setOwnedByTable() { m_ownedByTable = true; }

@@ -5,7 +5,7 @@
 #include "orn_scope.h"
 #include "orn_symboltable_cells.h"
 
-#include <deque>
+#include <vector>
 
 namespace ORN_3_30 {
 
@@ -106,7 +106,7 @@ private:
 
     Scope* m_scope;
     CellIndex m_cells;
-    std::deque<Scope*> m_scopes; ///< owned; deleted directly, whatever their counts
+    std::vector<Scope*> m_scopes; ///< owned; deleted directly, whatever their counts
     RecordPool<CellEntry> m_entryPool;
     RecordPool<CellNode> m_nodePool;
     unsigned long long m_entryCount;
