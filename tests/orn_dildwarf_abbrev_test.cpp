@@ -124,7 +124,7 @@ TEST_F(AbbrevTableTest, UnitsOfOneOffsetShareATable) {
     AbbrevTables tables;
     EXPECT_EQ(tables.tableAt(section, 0), tables.tableAt(section, 0));
     EXPECT_NE(tables.tableAt(section, 0), tables.tableAt(section, 1));
-    EXPECT_EQ(tables.tableAt(nullptr, 5)->find(1), nullptr);
+    EXPECT_EQ(AbbrevTables().tableAt(nullptr, 5)->find(1), nullptr);
 }
 
 TEST_F(AbbrevTableTest, EntriesKeepTheirAddresses) {
@@ -143,8 +143,8 @@ TEST_F(AbbrevTableTest, EntriesKeepTheirAddresses) {
 
 TEST_F(AbbrevTableTest, TheGreatestCodesAreFoundAndCostNothing) {
     ByteAssembler bytes;
-    const unsigned long long codes[] = {1,        255,           256,      65535,   PagedMap::maxPagedCode,
-                                        1u << 25, 0xffffffffULL, 1ULL << 40, ~0ULL - 1, ~0ULL};
+    const unsigned long long codes[] = {
+        1, 255, 256, 65535, PagedMap::maxPagedCode, 1u << 25, 0xffffffffULL, 1ULL << 40, ~0ULL - 1, ~0ULL};
     for (const unsigned long long code : codes)
         abbreviation(bytes, code, code % 1000);
     bytes.uleb(0);

@@ -280,7 +280,8 @@ TEST_F(AttrBindingsTest, AnIndirectVendorFormIsDropped) {
 }
 
 TEST_F(AttrBindingsTest, AnUnknownFormEndsTheWalkOfItsUnit) {
-    for (const std::uint64_t form : {0x02ULL, 0x1aULL, 0x1fULL, 0x21ULL, 0x1f00ULL, 0x1f03ULL, 0x100000017ULL}) {
+    for (const std::uint64_t form :
+         {0x02ULL, 0x1aULL, 0x1fULL, 0x21ULL, 0x1f00ULL, 0x1f03ULL, 0x100000017ULL}) {
         m_dwarf = DwarfAssembler();
         m_dwarf.abbreviation(1, DW_TAG_variable, true, {{DW_AT_name, DW_FORM_data1}, {DW_AT_type, form}})
             .endAbbreviations();
@@ -519,9 +520,8 @@ protected:
         m_dwarf.abbreviation(2, DW_TAG_subprogram, false, {{DW_AT_abstract_origin, DW_FORM_ref4}});
         m_dwarf.abbreviation(3, DW_TAG_subprogram, false,
                              {{DW_AT_specification, DW_FORM_ref4}, {DW_AT_type, DW_FORM_data1}});
-        m_dwarf.abbreviation(
-            4, DW_TAG_subprogram, false,
-            {{DW_AT_specification, DW_FORM_ref4}, {DW_AT_abstract_origin, DW_FORM_ref4}});
+        m_dwarf.abbreviation(4, DW_TAG_subprogram, false,
+                             {{DW_AT_specification, DW_FORM_ref4}, {DW_AT_abstract_origin, DW_FORM_ref4}});
         m_dwarf.abbreviation(5, DW_TAG_subprogram, false, {{DW_AT_abstract_origin, DW_FORM_ref_addr}});
         m_dwarf.endAbbreviations();
         m_dwarf.beginUnit();

@@ -1,5 +1,5 @@
-// Writes the debug sections of versions 2 to 4 field by field. Knows the encoding of every form, and nothing of
-// what the library makes of it: the numbers come from the published format.
+// Writes the debug sections of versions 2 to 4 field by field. Knows the encoding of every form, and nothing
+// of what the library makes of it: the numbers come from the published format.
 
 #include "dwarf_assembler.h"
 
@@ -278,8 +278,8 @@ DwarfAssembler& DwarfAssembler::endFiles() {
 }
 
 DwarfAssembler& DwarfAssembler::special(unsigned instructions, int lines) {
-    const int opcode = lines - m_lines.lineBase + m_lines.lineRange * static_cast<int>(instructions) +
-                       m_lines.opcodeBase;
+    const int opcode =
+        lines - m_lines.lineBase + m_lines.lineRange * static_cast<int>(instructions) + m_lines.opcodeBase;
     if (lines < m_lines.lineBase || lines >= m_lines.lineBase + m_lines.lineRange || opcode > 255)
         throw std::logic_error("no special opcode does that");
     return op(static_cast<uint8_t>(opcode));

@@ -3,11 +3,13 @@
 #include "byte_assembler.h"
 #include "elf_assembler.h"
 
+#include <concepts>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace orn_test {
@@ -21,8 +23,9 @@ struct DwarfSpec {
 /// A value of an entry, written by the form that its abbreviation names.
 class DwarfValue {
 public:
-    template <std::integral T>
-    DwarfValue(T number) : m_number(static_cast<uint64_t>(number)) {}
+    template <typename T>
+    requires std::integral<T> || std::is_enum_v<T> DwarfValue(T number)
+        : m_number(static_cast<uint64_t>(number)) {}
     /// For `DW_FORM_string` and `DW_FORM_strp`, where it goes into `.debug_str`.
     DwarfValue(const char* text) : m_text(text) {}
     /// For blocks and expressions.
@@ -76,8 +79,8 @@ struct DwarfLineOptions {
 ///     dwarf.null();
 ///     dwarf.endUnit();
 ///
-/// The sections are `ByteAssembler`s: what the operations here do not offer, and all damage, is written there.
-/// Values are encoded by the abbreviations defined so far, the latest of a code.
+/// The sections are `ByteAssembler`s: what the operations here do not offer, and all damage, is written
+/// there. Values are encoded by the abbreviations defined so far, the latest of a code.
 class DwarfAssembler {
 public:
     ByteAssembler& abbrev() { return m_abbrev; }
@@ -117,7 +120,8 @@ public:
     DwarfAssembler& beginLines(const DwarfLineOptions& options = {});
     DwarfAssembler& includeDirectory(std::string_view name);
     DwarfAssembler& endIncludeDirectories();
-    DwarfAssembler& file(std::string_view name, uint64_t directory = 0, uint64_t time = 0, uint64_t length = 0);
+    DwarfAssembler& file(std::string_view name, uint64_t directory = 0, uint64_t time = 0,
+                         uint64_t length = 0);
     /// Ends the file table, and with it the header.
     DwarfAssembler& endFiles();
     DwarfAssembler& special(unsigned instructions, int lines);

