@@ -8,9 +8,9 @@
 namespace ORN_3_30::test {
 namespace {
 
+using orn_test::DwarfValue;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using orn_test::DwarfValue;
 using M = DwarfModule;
 
 class DwarfInlineTest : public OrnTest {

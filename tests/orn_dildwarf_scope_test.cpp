@@ -8,9 +8,9 @@
 namespace ORN_3_30::test {
 namespace {
 
+using orn_test::DwarfValue;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using orn_test::DwarfValue;
 using M = DwarfModule;
 
 /// How a scope of the debug information sees a plain one that starts where it starts.
@@ -23,7 +23,7 @@ protected:
 
     DWARFScope& debugScope(const char* name, std::vector<std::pair<unsigned, unsigned>> ranges) {
         DWARFCompilationUnit* unit = m_module.loader().units().begin()->second;
-        m_debug = std::make_unique<DWARFScope>(m_module.format.get(), nullptr, name, 0x1000,
+        m_debug = std::make_unique<DWARFScope>(m_module.format.get(), nullptr, DWARFName{name, true}, 0x1000,
                                                symbol_kind_function,
                                                DWARFScope::Entry{unit, 11, DW_TAG_subprogram});
         for (auto [low, high] : ranges)
@@ -32,8 +32,8 @@ protected:
     }
     Scope& plain(const char* name, unsigned low, unsigned high,
                  symbol_visibility_t visibility = symbol_visibility_global) {
-        m_plain.emplace_back(createSymbolScope(*m_module.format, name, low, nullptr, visibility,
-                                               symbol_kind_function));
+        m_plain.emplace_back(
+            createSymbolScope(*m_module.format, name, low, nullptr, visibility, symbol_kind_function));
         m_plain.back()->addRange(low, high);
         return *m_plain.back();
     }
@@ -160,9 +160,8 @@ protected:
 
 TEST_F(DwarfScopeTest, ThePlainSymbolOfAFunctionIsTakenIn) {
     m_module.format->onRead = [this](ISymbolTable* sink) {
-        SymbolScope* scope =
-            createSymbolScope(*m_module.format, "_ZN3foo3barEi", 0x1000, sink->scope(),
-                              symbol_visibility_global, symbol_kind_function);
+        SymbolScope* scope = createSymbolScope(*m_module.format, "_ZN3foo3barEi", 0x1000, sink->scope(),
+                                               symbol_visibility_global, symbol_kind_function);
         scope->addRange(0x1000, 0x1030);
         sink->addScopeRange(0x1000, 0x1030, scope);
     };
@@ -235,9 +234,7 @@ TEST_F(DwarfScopeTest, WithAllOfMemoryGoneItSaysSoAndDoesNotTryAgain) {
 class DwarfMembersTest : public OrnTest {
 protected:
     static DwarfAttrs size(unsigned bytes) { return {{DW_AT_byte_size, DW_FORM_data1, bytes}}; }
-    static DwarfAttrs at(unsigned offset) {
-        return {{DW_AT_data_member_location, DW_FORM_data1, offset}};
-    }
+    static DwarfAttrs at(unsigned offset) { return {{DW_AT_data_member_location, DW_FORM_data1, offset}}; }
     /// A unit with a structure of an integer and a structure, and a variable of a type.
     void build(const char* type) {
         m_module.unit();

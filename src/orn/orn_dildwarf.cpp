@@ -1,10 +1,10 @@
-// The debug info loader of files with DWARF. A module's scope asks it for symbols, its line resolver for lines,
-// scopes of functions for what is inside them. It decides what is read when: unit headers and top entries at
-// the first need of anything, the level of functions by the kinds that are wanted, the inside of a function
-// when somebody asks, each line program when its lines are needed.
+// The debug info loader of files with DWARF. A module's scope asks it for symbols, its line resolver for
+// lines, scopes of functions for what is inside them. It decides what is read when: unit headers and top
+// entries at the first need of anything, the level of functions by the kinds that are wanted, the inside of a
+// function when somebody asks, each line program when its lines are needed.
 //
-// Not used on purpose: the address index of `.debug_aranges`. An address reaches a unit through the symbol that
-// covers it, and compilers leave the index out or get it wrong.
+// Not used on purpose: the address index of `.debug_aranges`. An address reaches a unit through the symbol
+// that covers it, and compilers leave the index out or get it wrong.
 
 #include "orn_dildwarf.h"
 
@@ -51,10 +51,9 @@ void SegmentSpans::ensureRead(IFileFormatLoader& loader) {
 bool SegmentSpans::holdBoth(unsigned long long low, unsigned long long high) const {
     if (high < low)
         std::swap(low, high);
-    const auto above = std::upper_bound(m_spans.begin(), m_spans.end(), low,
-                                        [](unsigned long long address, const Span& span) {
-                                            return address < span.begin;
-                                        });
+    const auto above =
+        std::upper_bound(m_spans.begin(), m_spans.end(), low,
+                         [](unsigned long long address, const Span& span) { return address < span.begin; });
     return above != m_spans.begin() && std::prev(above)->greatestEnd >= high;
 }
 
@@ -69,6 +68,7 @@ DWARFDebugInfoLoader::DWARFDebugInfoLoader(FileFormatLoader* formatLoader, const
       m_lineStatus(status_NotInitialized),
       m_lineResolver(nullptr),
       m_loadLock(nullptr),
+      m_walk(std::make_unique<DWARFSymbolWalk>(*this)),
       m_loadDwarfSymbols(!isSet("ORN_SKIP_DWARF_SYMBOLS")),
       m_status(status_Ok),
       m_scanStatus(status_Ok),
@@ -138,10 +138,10 @@ status_t DWARFDebugInfoLoader::ensureSections() {
 
 void DWARFDebugInfoLoader::loadUnitSymbols(ISymbolTable* sink, LoadFilter* filter, symbol_kind_t flags) {
     m_segments.ensureRead(fileLoader());
-    DWARFSymbolWalk walk(*this, DWARFSymbolSink(sink), filter, true);
     for (auto& [offset, unit] : m_compUnits) {
         if (unit->hasEntries())
-            walk.walkUnit(*unit, m_loadDwarfSymbols ? flags : symbol_kind_none);
+            m_walk->walkUnit(*unit, m_loadDwarfSymbols ? flags : symbol_kind_none, DWARFSymbolSink(sink),
+                             filter);
     }
 }
 
@@ -150,7 +150,7 @@ status_t DWARFDebugInfoLoader::loadChildren(DWARFCompilationUnit& unit, unsigned
     if (!m_sections->info().isPresent())
         return status_NoDebugInfo;
     m_segments.ensureRead(fileLoader());
-    DWARFSymbolWalk(*this, DWARFSymbolSink(scope), nullptr, false).walkChildren(unit, entryOffset, flags);
+    m_walk->walkChildren(unit, entryOffset, flags, DWARFSymbolSink(scope));
     return status_Ok;
 }
 

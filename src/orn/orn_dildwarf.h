@@ -9,6 +9,7 @@
 #include "orn_scope.h"
 
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,13 +17,14 @@
 namespace ORN_3_30 {
 
 class DWARFLineResolver;
+class DWARFSymbolWalk;
 
 namespace dwarf_utils {
 
 /// The interval that an entry's low and high attributes tell; either may be null. Without a high one the
 /// interval is empty; a high one that is no address is an offset from the low one.
-ORN_API void calculateHighLowAdresses(const AttrBinding* lowAttr, const AttrBinding* highAttr, unsigned long long& low,
-                                      unsigned long long& high);
+ORN_API void calculateHighLowAdresses(const AttrBinding* lowAttr, const AttrBinding* highAttr,
+                                      unsigned long long& low, unsigned long long& high);
 
 } // namespace dwarf_utils
 
@@ -130,6 +132,7 @@ private:
     ILock* m_loadLock;
     SymMgrObjectPtr<IAddressMapping> m_addressMapping; ///< null here
     AbbrevTables m_abbrevTables;
+    std::unique_ptr<DWARFSymbolWalk> m_walk; ///< one serves all walks, which do not overlap
     SegmentSpans m_segments;
     DWARFTypes m_types;
     bool m_loadDwarfSymbols; ///< false: units, lines and compiler details, and no symbols

@@ -36,9 +36,9 @@ ISourceLocation* DWARFInlineInstance::ensureLocation() {
     return m_location.get();
 }
 
-DWARFInlineInstanceScope::DWARFInlineInstanceScope(IFileFormatLoader* loader, Scope* parent, const char* name,
-                                                   unsigned long long value, const Entry& entry,
-                                                   const DWARFPosition& callSite)
+DWARFInlineInstanceScope::DWARFInlineInstanceScope(IFileFormatLoader* loader, Scope* parent,
+                                                   const DWARFName& name, unsigned long long value,
+                                                   const Entry& entry, const DWARFPosition& callSite)
     : DWARFScope(loader, parent, name, value, symbol_kind_function, entry, DWARFSymbol::declaredBy_Origin),
       m_inlineInstance(this, callSite) {}
 

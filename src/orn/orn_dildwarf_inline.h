@@ -27,7 +27,7 @@ private:
 /// The scope of one expansion, below that of a function or of another expansion.
 class DWARFInlineInstanceScope : public DWARFScope {
 public:
-    DWARFInlineInstanceScope(IFileFormatLoader* loader, Scope* parent, const char* name,
+    DWARFInlineInstanceScope(IFileFormatLoader* loader, Scope* parent, const DWARFName& name,
                              unsigned long long value, const Entry& entry, const DWARFPosition& callSite);
 
     IInlineInstance* inlineInstance() override { return &m_inlineInstance; }

@@ -85,7 +85,7 @@ private:
             static_cast<void>(m_loader.types().readType(unit, reference->value, type));
         const unsigned long long low = m_base + offset;
         auto scope = std::make_unique<DWARFScope>(
-            &m_loader.fileLoader(), &m_scope, name, low, symbol_kind_variable,
+            &m_loader.fileLoader(), &m_scope, DWARFName{name, true}, low, symbol_kind_variable,
             DWARFScope::Entry{&unit, m_entry.entryStart(), m_entry.tag()});
         scope->addRange(low, type.size > ~0ULL - low ? ~0ULL : low + type.size);
         m_sink.add(scope.release());

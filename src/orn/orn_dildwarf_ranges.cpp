@@ -1,5 +1,5 @@
-// Address intervals of entries: from low and high attributes, and from the lists of `.debug_ranges`. Called by
-// the walk (orn_dildwarf_walk.cpp) for functions and expanded calls; clients may call the exported part.
+// Address intervals of entries: from low and high attributes, and from the lists of `.debug_ranges`. Called
+// by the walk (orn_dildwarf_walk.cpp) for functions and expanded calls; clients may call the exported part.
 
 #include "orn_dildwarf.h"
 #include "orn_log.h"
@@ -15,8 +15,8 @@ unsigned long long baseSelector(unsigned addressSize) {
     return addressSize == 4 ? 0xffffffffULL : ~0ULL;
 }
 
-/// Scopes keep their ranges in a list that is filled fastest in ascending order. Damaged data may hold lists of
-/// any length in any order; those of compilers that are this long are sorted.
+/// Scopes keep their ranges in a list that is filled fastest in ascending order. Damaged data may hold lists
+/// of any length in any order; those of compilers that are this long are sorted.
 constexpr std::size_t longestUnsortedList = 4096;
 
 void sortIfLong(DWARFDebugInfoLoader::RangeDeque& ranges) {
@@ -43,9 +43,9 @@ void dwarf_utils::calculateHighLowAdresses(const AttrBinding* lowAttr, const Att
 
 // Everything is computed in the symbol file's own addresses, in which bases are told, and biased once at the
 // end.
-unsigned long long DWARFDebugInfoLoader::readRanges(DWARFCompilationUnit& unit,
-                                                    const AttrBinding* rangesAttr, unsigned addressSize,
-                                                    RangeDeque* out, unsigned long long limit) {
+unsigned long long DWARFDebugInfoLoader::readRanges(DWARFCompilationUnit& unit, const AttrBinding* rangesAttr,
+                                                    unsigned addressSize, RangeDeque* out,
+                                                    unsigned long long limit) {
     if (!ORN_ASSERT(rangesAttr))
         return 0;
     if (out)

@@ -1,6 +1,6 @@
-// Scopes of entries: how a symbol of the debug information takes in the plain symbol of the same function, and
-// the lazy reading of what is inside. The symbol table calls compare() and merge() while symbols load; queries
-// call the rest. The reading itself is orn_dildwarf_walk.cpp's.
+// Scopes of entries: how a symbol of the debug information takes in the plain symbol of the same function,
+// and the lazy reading of what is inside. The symbol table calls compare() and merge() while symbols load;
+// queries call the rest. The reading itself is orn_dildwarf_walk.cpp's.
 
 #include "orn_dildwarf_scope.h"
 
@@ -54,8 +54,9 @@ unsigned compareNames(NamedSymbol& mine, NamedSymbol& other) {
 
 } // namespace
 
-DWARFScope::DWARFScope(IFileFormatLoader* loader, Scope* parent, const char* name, unsigned long long value,
-                       symbol_kind_t kind, const Entry& entry, DWARFSymbol::DeclaredBy declaredBy)
+DWARFScope::DWARFScope(IFileFormatLoader* loader, Scope* parent, const DWARFName& name,
+                       unsigned long long value, symbol_kind_t kind, const Entry& entry,
+                       DWARFSymbol::DeclaredBy declaredBy)
     : SymbolScope(loader, parent, nullptr),
       m_embeddedSymbol(loader, name, value, this, kind, entry.unit, entry.offset, declaredBy),
       m_tag(entry.tag < std::numeric_limits<std::uint32_t>::max()

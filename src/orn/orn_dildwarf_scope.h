@@ -22,7 +22,7 @@ public:
         unsigned long long tag;    ///< `DW_TAG_*`
     };
 
-    DWARFScope(IFileFormatLoader* loader, Scope* parent, const char* name, unsigned long long value,
+    DWARFScope(IFileFormatLoader* loader, Scope* parent, const DWARFName& name, unsigned long long value,
                symbol_kind_t kind, const Entry& entry,
                DWARFSymbol::DeclaredBy declaredBy = DWARFSymbol::declaredBy_Entry);
     ~DWARFScope() override;

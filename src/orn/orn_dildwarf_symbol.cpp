@@ -1,6 +1,6 @@
-// Symbols of entries. The walk (orn_dildwarf_walk.cpp) makes them, inside their scopes; clients and the symbol
-// table ask them. Names and ranges are the base's business, rows of source lines the line resolver's; here
-// stands what only the entry knows: its unit and its declaration.
+// Symbols of entries. The walk (orn_dildwarf_walk.cpp) makes them, inside their scopes; clients and the
+// symbol table ask them. Names and ranges are the base's business, rows of source lines the line resolver's;
+// here stands what only the entry knows: its unit and its declaration.
 
 #include "orn_dildwarf_symbol.h"
 
@@ -72,13 +72,65 @@ void DWARFLocation::make(const DWARFPosition& position) {
     m_location.store(location, std::memory_order_release);
 }
 
-DWARFSymbol::DWARFSymbol(IFileFormatLoader* loader, const char* name, unsigned long long value, Scope* scope,
-                         symbol_kind_t kind, DWARFCompilationUnit* unit, unsigned long long entryOffset,
-                         DeclaredBy declaredBy)
-    : Symbol(loader, name, value, scope, symbol_visibility_local, kind, unit->getOffset()),
+DWARFSymbol::DWARFSymbol(IFileFormatLoader* loader, const DWARFName& name, unsigned long long value,
+                         Scope* scope, symbol_kind_t kind, DWARFCompilationUnit* unit,
+                         unsigned long long entryOffset, DeclaredBy declaredBy)
+    : Symbol(loader, NameLater(), value, scope, symbol_visibility_local, kind, unit->getOffset()),
+      m_lastingName(name.isLasting ? name.text : nullptr),
       m_unit(unit),
       m_entryOffset(entryOffset),
-      m_declaredBy(declaredBy) {}
+      m_declaredBy(declaredBy) {
+    if (!name.isLasting)
+        DWARFSymbol::setName(name.text);
+}
+
+// --- Names. The lock is held while the demangler is made, and whoever reads it has passed the lock; the raw
+// name needs neither.
+
+ISymbolNameDemangler& DWARFSymbol::ensureDemangler() {
+    if (!m_demangler)
+        m_demangler = ISymbolNameDemangler::create(m_lastingName, loader()->getExecFormat());
+    return *m_demangler;
+}
+
+const char* DWARFSymbol::rawName() {
+    return m_lastingName ? m_lastingName : Symbol::rawName();
+}
+
+const char* DWARFSymbol::demangledName(unsigned int options) {
+    ScopedLock guard(nameLock());
+    return ensureDemangler().demangledForm(options);
+}
+
+const char* DWARFSymbol::shortName() {
+    ScopedLock guard(nameLock());
+    return ensureDemangler().shortForm();
+}
+
+const char* DWARFSymbol::fullName() {
+    ScopedLock guard(nameLock());
+    return ensureDemangler().fullForm();
+}
+
+void DWARFSymbol::setName(const char* name) {
+    ScopedLock guard(nameLock());
+    m_demangler = ISymbolNameDemangler::create(name, loader()->getExecFormat());
+    m_lastingName = nullptr;
+}
+
+const char* DWARFSymbol::rawNameUnlocked() {
+    return rawName();
+}
+
+const char* DWARFSymbol::shortNameUnlocked() {
+    return ensureDemangler().shortForm();
+}
+
+const char* DWARFSymbol::demangledNameUnlocked(unsigned int options) {
+    return ensureDemangler().demangledForm(options);
+}
+
+// --- Source
 
 status_t DWARFSymbol::compUnitDetails(ICompUnitDetails*& out) {
     out = m_unit.get();

@@ -47,14 +47,21 @@ private:
     unsigned m_fileId = ~0U;
 };
 
+/// The name of an entry: a text of the debug sections, which live as long as the unit, or of someone else.
+struct DWARFName {
+    const char* text;
+    bool isLasting; ///< it is one of the debug sections
+};
+
 /// A symbol made of an entry. There is one for every function of a module, so it keeps no more of the entry
-/// than its place, and decodes it again when someone asks where it was declared. Its id is the unit's offset.
+/// than its place, and decodes it again when someone asks where it was declared. The name stays where it is,
+/// in the debug sections, until a form of it is asked for. Its id is the unit's offset.
 class DWARFSymbol : public Symbol {
 public:
     /// Which entry tells the declaration: the symbol's own, or for inlined code the one that it refers to.
     enum DeclaredBy : std::uint8_t { declaredBy_Entry, declaredBy_Origin };
 
-    DWARFSymbol(IFileFormatLoader* loader, const char* name, unsigned long long value, Scope* scope,
+    DWARFSymbol(IFileFormatLoader* loader, const DWARFName& name, unsigned long long value, Scope* scope,
                 symbol_kind_t kind, DWARFCompilationUnit* unit, unsigned long long entryOffset,
                 DeclaredBy declaredBy);
 
@@ -64,13 +71,24 @@ public:
                      IAddress* high) override;
     void sourceLineAt(SymMgrObjectPtr<ISourceLine>& out, IAddress* addr) override;
 
+    const char* rawName() override;
+    const char* demangledName(unsigned int options) override;
+    const char* shortName() override;
+    const char* fullName() override;
+    void setName(const char* name) override;
+    const char* rawNameUnlocked() override;
+    const char* shortNameUnlocked() override;
+    const char* demangledNameUnlocked(unsigned int options) override;
+
     DWARFCompilationUnit& unit() const { return *m_unit; }
     /// In `.debug_info`, where the entry is decoded again.
     unsigned long long entryOffset() const { return m_entryOffset; }
 
 private:
     ISourceLocation* ensureLocation();
+    ISymbolNameDemangler& ensureDemangler();
 
+    const char* m_lastingName; ///< null where the demangler alone has the name
     SymMgrObjectPtr<DWARFCompilationUnit> m_unit;
     unsigned long long m_entryOffset;
     DWARFLocation m_location;

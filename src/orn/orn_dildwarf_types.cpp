@@ -1,6 +1,6 @@
 // Sizes of types, for the symbols of static variables and for stack variables. A type's size may come from
-// another type: typedefs, qualifiers, arrays. Such a chain is walked to its end and then filled from there, so
-// that its length costs no stack. Everything else about types is left out.
+// another type: typedefs, qualifiers, arrays. Such a chain is walked to its end and then filled from there,
+// so that its length costs no stack. Everything else about types is left out.
 
 #include "orn_dildwarf_types.h"
 

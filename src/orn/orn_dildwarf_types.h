@@ -13,7 +13,8 @@ namespace ORN_3_30 {
 struct TypeInfo {
     unsigned long long size = 0; ///< in bytes; 0 where it is not known
     bool isInteger = false;      ///< a base type of one of the integer names, or a typedef of it
-    /// In `.debug_info`, of the structure, class or union that the type is, or leads to; all ones without one.
+    /// In `.debug_info`, of the structure, class or union that the type is, or leads to; all ones without
+    /// one.
     unsigned long long structOffset = ~0ULL;
     unsigned long long tag = 0; ///< `DW_TAG_*` of the type's own entry
 };

@@ -34,7 +34,8 @@ bool mayBeFunction(const AbbrevEntry& abbrev) {
     if (abbrev.hasIndirect)
         return true;
     return has(abbrev, DW_AT_low_pc) || has(abbrev, DW_AT_high_pc) || has(abbrev, DW_AT_ranges) ||
-           has(abbrev, DW_AT_inline) || has(abbrev, DW_AT_abstract_origin) || has(abbrev, DW_AT_specification);
+           has(abbrev, DW_AT_inline) || has(abbrev, DW_AT_abstract_origin) ||
+           has(abbrev, DW_AT_specification);
 }
 
 unsigned long long siblingOf(AttrBindings& attrs) {
@@ -61,46 +62,80 @@ void DWARFSymbolSink::add(Scope* scope) {
     }
 }
 
-DWARFSymbolWalk::DWARFSymbolWalk(DWARFDebugInfoLoader& loader, const DWARFSymbolSink& sink,
-                                 LoadFilter* filter, bool isOuter)
-    : m_loader(loader), m_sink(sink), m_filter(filter), m_isOuter(isOuter), m_attrs(nullptr) {}
+void InlinedNames::add(unsigned long long offset, const char* name) {
+    if (m_count * 2 >= m_slots.size())
+        grow();
+    m_slots[placeOf(offset)] = {offset + 1, name};
+    ++m_count;
+}
 
-/// Scopes are left over where memory ran out.
+void InlinedNames::grow() {
+    constexpr std::size_t firstSize = 256;
+    std::vector<Slot> former(m_slots.empty() ? firstSize : m_slots.size() * 2);
+    former.swap(m_slots);
+    for (const Slot& slot : former) {
+        if (slot.isTaken())
+            m_slots[placeOf(slot.offsetPlusOne - 1)] = slot;
+    }
+}
+
+DWARFSymbolWalk::DWARFSymbolWalk(DWARFDebugInfoLoader& loader) : m_loader(loader), m_attrs(nullptr) {}
+
 DWARFSymbolWalk::~DWARFSymbolWalk() {
-    for (Scope* scope : m_scopeStack)
-        delete scope;
+    dropScopes();
 }
 
 // --- The tree
 
-void DWARFSymbolWalk::walkUnit(DWARFCompilationUnit& unit, symbol_kind_t flags) {
-    begin(unit, unit.firstEntryOffset());
-    static_cast<void>(readDIE(flags));
+void DWARFSymbolWalk::walkUnit(DWARFCompilationUnit& unit, symbol_kind_t flags, const DWARFSymbolSink& sink,
+                               LoadFilter* filter) {
+    begin(unit, unit.firstEntryOffset(), sink, filter);
+    m_isOuter = true;
+    const EntryCode code = m_unit->readEntryCode(m_walker);
+    if (!code.abbrev || !processDIE(code, flags))
+        return;
     walkLevels();
 }
 
 void DWARFSymbolWalk::walkChildren(DWARFCompilationUnit& unit, unsigned long long entryOffset,
-                                   symbol_kind_t flags) {
-    begin(unit, entryOffset);
+                                   symbol_kind_t flags, const DWARFSymbolSink& sink) {
+    begin(unit, entryOffset, sink, nullptr);
+    m_isOuter = false;
     const EntryCode code = m_unit->readEntryCode(m_walker);
     if (!code.abbrev || !descend(code, flags))
         return;
     walkLevels();
 }
 
-void DWARFSymbolWalk::begin(DWARFCompilationUnit& unit, unsigned long long offset) {
+void DWARFSymbolWalk::begin(DWARFCompilationUnit& unit, unsigned long long offset,
+                            const DWARFSymbolSink& sink, LoadFilter* filter) {
     m_unit = &unit;
     m_walker = unit.walkerAt(offset);
+    m_sink = sink;
+    m_filter = filter;
     m_levels.clear();
+    dropScopes();
 }
 
 /// What ends the children of one entry is a null entry, or one that cannot be read: then the walker stands at
 /// the end, so that all levels end.
 void DWARFSymbolWalk::walkLevels() {
-    while (!m_levels.empty()) {
-        if (!readDIE(m_levels.back().flags))
-            closeLevel();
+    try {
+        while (!m_levels.empty()) {
+            if (!readDIE(m_levels.back().flags))
+                closeLevel();
+        }
+    } catch (...) {
+        dropScopes();
+        throw;
     }
+}
+
+/// Scopes are left over where memory ran out.
+void DWARFSymbolWalk::dropScopes() {
+    for (Scope* scope : m_scopeStack)
+        delete scope;
+    m_scopeStack.clear();
 }
 
 void DWARFSymbolWalk::closeLevel() {
@@ -208,10 +243,10 @@ DWARFSymbolWalk::Descent DWARFSymbolWalk::readFunction(symbol_kind_t kind, symbo
     const AttrBinding* ranges = m_attrs.find(DW_AT_ranges);
     if (!low && !high && !ranges && !m_attrs.find(DW_AT_inline))
         return nothingBelow;
-    const char* name = nameOfEntry();
-    if (!name)
+    const char* told = nameOfEntry();
+    if (!told)
         return {true, flags};
-    name = withoutFortranMark(name);
+    const DWARFName name = withoutFortranMark(told);
     if (ranges)
         makeRangesFunction(name, kind, ranges);
     else if (!makePlainFunction(name, kind, low, high))
@@ -220,16 +255,16 @@ DWARFSymbolWalk::Descent DWARFSymbolWalk::readFunction(symbol_kind_t kind, symbo
     return {m_unit->isFortran(), flags};
 }
 
-void DWARFSymbolWalk::makeRangesFunction(const char* name, symbol_kind_t kind, const AttrBinding* ranges) {
-    unsigned long long address =
-        m_loader.readRanges(*m_unit, ranges, m_unit->getAddressSize(), &m_ranges, 0);
+void DWARFSymbolWalk::makeRangesFunction(const DWARFName& name, symbol_kind_t kind,
+                                         const AttrBinding* ranges) {
+    unsigned long long address = m_loader.readRanges(*m_unit, ranges, m_unit->getAddressSize(), &m_ranges, 0);
     unsigned long long end = address;
     mapAddresses(address, end);
     pushWithRanges(makeFunctionSymbol(name, address, kind));
 }
 
 /// False if the function lies where nobody looks.
-bool DWARFSymbolWalk::makePlainFunction(const char* name, symbol_kind_t kind, const AttrBinding* lowAttr,
+bool DWARFSymbolWalk::makePlainFunction(const DWARFName& name, symbol_kind_t kind, const AttrBinding* lowAttr,
                                         const AttrBinding* highAttr) {
     unsigned long long low = 0;
     unsigned long long high = 0;
@@ -280,7 +315,8 @@ DWARFSymbolWalk::Descent DWARFSymbolWalk::readLabel(symbol_kind_t flags) {
     const AttrBinding* low = m_attrs.find(DW_AT_low_pc);
     const char* name = nonEmpty(textOf(m_attrs.find(DW_AT_name)));
     if (low && name && passesFilter(low->value, saturatedSum(low->value, 1)))
-        pushWithRange(makeFunctionSymbol(name, low->value, symbol_kind_label), low->value, low->value);
+        pushWithRange(makeFunctionSymbol({name, true}, low->value, symbol_kind_label), low->value,
+                      low->value);
     return {true, flags};
 }
 
@@ -302,7 +338,7 @@ DWARFSymbolWalk::Descent DWARFSymbolWalk::readVariable(symbol_kind_t flags) {
     if (!passesFilter(address, end))
         return below;
     if (const char* name = nameOfEntry())
-        pushWithRange(makeFunctionSymbol(name, address, symbol_kind_variable), address, end);
+        pushWithRange(makeFunctionSymbol({name, true}, address, symbol_kind_variable), address, end);
     return below;
 }
 
@@ -322,8 +358,21 @@ const char* DWARFSymbolWalk::nameOfEntry() {
     return nonEmpty(textOf(linkageName ? linkageName : m_attrs.find(DW_AT_name)));
 }
 
-/// Quirk: the linkage name counts only in C++, and only of a function that was declared before.
 const char* DWARFSymbolWalk::nameOfInlined() {
+    const AttrBinding* reference = m_attrs.find(DW_AT_abstract_origin, true);
+    // Whether the linkage name counts depends on the unit of the call as well.
+    if (!reference || !m_unit->holds(reference->value))
+        return readNameOfInlined();
+    const unsigned long long origin = reference->value;
+    if (const char* const* known = m_inlinedNames.find(origin))
+        return *known;
+    const char* name = readNameOfInlined();
+    m_inlinedNames.add(origin, name);
+    return name;
+}
+
+/// Quirk: the linkage name counts only in C++, and only of a function that was declared before.
+const char* DWARFSymbolWalk::readNameOfInlined() {
     AttrBindings* origin = m_attrs.getOrigin();
     if (!origin)
         return nullptr;
@@ -338,17 +387,19 @@ const char* DWARFSymbolWalk::nameOfInlined() {
 }
 
 /// The name that the programmer wrote; the common block without a name keeps its own.
-const char* DWARFSymbolWalk::withoutFortranMark(const char* name) {
+DWARFName DWARFSymbolWalk::withoutFortranMark(const char* name) {
+    if (!m_unit->isFortran())
+        return {name, true};
     const std::size_t length = std::strlen(name);
-    if (!m_unit->isFortran() || name[length - 1] != '_' || std::strcmp(name, "_BLNK_") == 0)
-        return name;
+    if (name[length - 1] != '_' || std::strcmp(name, "_BLNK_") == 0)
+        return {name, true};
     m_nameBuffer.assign(name, length - 1);
-    return m_nameBuffer.c_str();
+    return {m_nameBuffer.c_str(), false};
 }
 
 // --- Symbols and scopes
 
-DWARFScope* DWARFSymbolWalk::makeFunctionSymbol(const char* name, unsigned long long address,
+DWARFScope* DWARFSymbolWalk::makeFunctionSymbol(const DWARFName& name, unsigned long long address,
                                                 symbol_kind_t kind) {
     if (!m_sink.exists() || !m_loader.segments().holdBoth(address, address))
         return nullptr;

@@ -4,11 +4,11 @@
 
 #include "orn_fflelf.h"
 
+#include "orn_dildwarf.h"
 #include "orn_elf_names.h"
 #include "orn_elf_section_data.h"
 #include "orn_ffl_arith.h"
 #include "orn_file.h"
-#include "orn_dildwarf.h"
 #include "orn_log.h"
 #include "orn_moduleimage.h"
 #include "orn_symbolfileresolver.h"
@@ -28,7 +28,8 @@ constexpr char dataName[] = ".data";
 constexpr char legacyOatReader[] = "ORN_USE_LEGACY_OAT_READER";
 
 bool hasDebugSections(const ElfHelper& helper) {
-    return helper.getDebugInfo() || helper.getDebugLineIndex() != ElfHelper::noSection || helper.getDebugStr();
+    return helper.getDebugInfo() || helper.getDebugLineIndex() != ElfHelper::noSection ||
+           helper.getDebugStr();
 }
 
 bool isLegacyOatReaderOn() {
