@@ -4,6 +4,7 @@
 
 #include "orn_fflelf.h"
 
+#include "orn_dildwarf.h"
 #include "orn_elf_names.h"
 #include "orn_elf_section_data.h"
 #include "orn_ffl_arith.h"
@@ -24,6 +25,11 @@ constexpr char dataName[] = ".data";
 
 /// The environment switch of the reader of managed-code containers.
 constexpr char legacyOatReader[] = "ORN_USE_LEGACY_OAT_READER";
+
+bool hasDebugSections(const ElfHelper& helper) {
+    return helper.getDebugInfo() || helper.getDebugLineIndex() != ElfHelper::noSection ||
+           helper.getDebugStr();
+}
 
 bool isLegacyOatReaderOn() {
     const char* value = std::getenv(legacyOatReader);
@@ -252,15 +258,21 @@ IDebugInfoLoader* ElfFileLoader::createDebugInfoLoader(const char* path, unsigne
     }
 }
 
+/// From the addresses of a debug file to those of the module; a file without an image base is one of its own.
+unsigned long long ElfFileLoader::biasOf(const ElfHelper& helper) const {
+    return helper.getImageBase() == ~0ULL ? 0 : m_elfHelper->getImageBase() - helper.getImageBase();
+}
+
 IDebugInfoLoader* ElfFileLoader::createDwarfLoader(const char* path) {
     SymMgrObjectPtr<ElfHelper> helper = m_elfHelper;
     if (!samePath(path, getPath()))
         helper = new ElfHelper(new FileImage(path, 0, arch_unknown));
     m_elfHelper->mergeDebugFile(*helper);
-    if (helper == m_elfHelper)
-        return nullptr;
+    if (hasDebugSections(*helper))
+        return new DWARFDebugInfoLoader(this, path, new ElfFileFormatHelper(helper), biasOf(*helper),
+                                        debugInfoLock());
     // A separate file is a symbol file even without debug sections: it lent its symbol tables.
-    return new EmptyDebugInfoLoader(this, path, debugInfoLock());
+    return helper != m_elfHelper ? new EmptyDebugInfoLoader(this, path, debugInfoLock()) : nullptr;
 }
 
 } // namespace ORN_3_30

@@ -75,6 +75,7 @@ private:
     void readTable(const ElfHelper::SymbolTableData& table, ISymbolTable* sink, LoadFilter* filter,
                    symbol_kind_t flags);
     void readThunks(ISymbolTable* sink, LoadFilter* filter);
+    unsigned long long biasOf(const ElfHelper& helper) const;
     IDebugInfoLoader* createDwarfLoader(const char* path);
 
     SymMgrObjectPtr<ElfHelper> m_elfHelper;

@@ -116,6 +116,10 @@ public:
         const Extras* mine = m_extras.load(std::memory_order_acquire);
         return mine && !mine->m_thunks.empty();
     }
+    bool hasTable() const {
+        const Extras* mine = m_extras.load(std::memory_order_acquire);
+        return mine && mine->m_symbolTable.load(std::memory_order_acquire);
+    }
     /// A table has taken the scope for good; a scope enters one table once.
     bool isOwnedByTable() const { return m_ownedByTable; }
     void setOwnedByTable() { m_ownedByTable = true; }

@@ -56,6 +56,10 @@ NamedSymbol::NamedSymbol(IFileFormatLoader* loader, const char* name, symbol_vis
       m_id(id),
       m_loader(loader) {}
 
+NamedSymbol::NamedSymbol(IFileFormatLoader* loader, NameLater, symbol_visibility_t visibility,
+                         symbol_kind_t kind, unsigned long long id)
+    : SymMgrObject<ISymbol>(nullptr), m_visibility(visibility), m_kind(kind), m_id(id), m_loader(loader) {}
+
 ILock* NamedSymbol::nameLock() const {
     // The low bits say nothing, objects being aligned; the multiplication mixes the others into the top.
     std::uint64_t mixed = (reinterpret_cast<std::uintptr_t>(this) >> 4) * 0x9E3779B97F4A7C15ULL;
@@ -123,6 +127,11 @@ ScopeRelatedSymbol::ScopeRelatedSymbol(IFileFormatLoader* loader, const char* na
                                        unsigned long long id)
     : NamedSymbol(loader, name, visibility, kind, id), m_scope(scope) {}
 
+ScopeRelatedSymbol::ScopeRelatedSymbol(IFileFormatLoader* loader, NameLater later, Scope* scope,
+                                       symbol_visibility_t visibility, symbol_kind_t kind,
+                                       unsigned long long id)
+    : NamedSymbol(loader, later, visibility, kind, id), m_scope(scope) {}
+
 void ScopeRelatedSymbol::ranges(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>>& out) {
     out = new RelRangeIterator(m_scope);
 }
@@ -134,6 +143,10 @@ void ScopeRelatedSymbol::thunkRanges(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<I
 Symbol::Symbol(IFileFormatLoader* loader, const char* name, unsigned long long value, Scope* scope,
                symbol_visibility_t visibility, symbol_kind_t kind, unsigned long long id)
     : ScopeRelatedSymbol(loader, name, scope, visibility, kind, id), m_value(value) {}
+
+Symbol::Symbol(IFileFormatLoader* loader, NameLater later, unsigned long long value, Scope* scope,
+               symbol_visibility_t visibility, symbol_kind_t kind, unsigned long long id)
+    : ScopeRelatedSymbol(loader, later, scope, visibility, kind, id), m_value(value) {}
 
 status_t Symbol::sourceLocation(SymMgrObjectPtr<ISourceLocation>&) {
     return status_False;

@@ -11,12 +11,18 @@ namespace ORN_3_30 {
 class IFileFormatLoader;
 class Scope;
 
+/// Marks the making of a symbol whose derived class makes the demangler when a name is asked for.
+struct NameLater {};
+
 /// A symbol's name, kind and visibility. The name is guarded by a lock: a load that merges symbols may
 /// replace it while another thread asks.
 class NamedSymbol : public SymMgrObject<ISymbol> {
 public:
     NamedSymbol(IFileFormatLoader* loader, const char* name, symbol_visibility_t visibility,
                 symbol_kind_t kind, unsigned long long id);
+
+    NamedSymbol(IFileFormatLoader* loader, NameLater, symbol_visibility_t visibility, symbol_kind_t kind,
+                unsigned long long id);
 
     status_t compUnitDetails(ICompUnitDetails*& out) override;
     const char* rawName() override;
@@ -47,7 +53,8 @@ protected:
     /// under it, never another symbol.
     ILock* nameLock() const;
 
-    SymMgrObjectPtr<ISymbolNameDemangler> m_demangler; ///< never null once the symbol is made
+    SymMgrObjectPtr<ISymbolNameDemangler>
+        m_demangler; ///< never null once the symbol is made, but of NameLater
 
 private:
     symbol_visibility_t m_visibility;
@@ -61,6 +68,8 @@ class ScopeRelatedSymbol : public NamedSymbol {
 public:
     ScopeRelatedSymbol(IFileFormatLoader* loader, const char* name, Scope* scope,
                        symbol_visibility_t visibility, symbol_kind_t kind, unsigned long long id);
+    ScopeRelatedSymbol(IFileFormatLoader* loader, NameLater, Scope* scope, symbol_visibility_t visibility,
+                       symbol_kind_t kind, unsigned long long id);
 
     void ranges(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>>& out) override;
     void thunkRanges(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>>& out) override;
@@ -75,6 +84,8 @@ private:
 class Symbol : public ScopeRelatedSymbol {
 public:
     Symbol(IFileFormatLoader* loader, const char* name, unsigned long long value, Scope* scope,
+           symbol_visibility_t visibility, symbol_kind_t kind, unsigned long long id);
+    Symbol(IFileFormatLoader* loader, NameLater, unsigned long long value, Scope* scope,
            symbol_visibility_t visibility, symbol_kind_t kind, unsigned long long id);
 
     status_t sourceLocation(SymMgrObjectPtr<ISourceLocation>& out) override;

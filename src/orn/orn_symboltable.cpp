@@ -548,9 +548,10 @@ SymbolTable::Position SymbolTable::firstCellOf(unsigned long long low) const {
     return above == m_cells.begin() ? above : m_cells.previous(above);
 }
 
-/// An empty entry covers its whole cell.
+/// An empty entry covers its whole cell: it is a symbol whose size nobody told. Not so an expanded call
+/// without code, of which compilers leave many behind: what is known to be nowhere covers nothing.
 bool SymbolTable::covers(const CellEntry& entry, unsigned long long address) {
-    return entry.end > address || entry.isEmpty();
+    return entry.end > address || (entry.isEmpty() && !entry.scope->inlineInstance());
 }
 
 void SymbolTable::symbolRangeByAddress(SymMgrObjectPtr<ISymbolRange>& out, unsigned long long address,

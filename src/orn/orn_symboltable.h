@@ -5,7 +5,7 @@
 #include "orn_scope.h"
 #include "orn_symboltable_cells.h"
 
-#include <deque>
+#include <vector>
 
 namespace ORN_3_30 {
 
@@ -132,7 +132,7 @@ private:
 
     Scope* m_scope;
     CellIndex m_cells;
-    std::deque<Scope*> m_scopes;      ///< owned; deleted directly, whatever their counts
+    std::vector<Scope*> m_scopes;     ///< owned; deleted directly, whatever their counts
     IFileFormatLoader* m_plainLoader; ///< borrowed: of the plain symbols
     RecordPool<CellEntry> m_entryPool;
     ListStore m_listStore;
