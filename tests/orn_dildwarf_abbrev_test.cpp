@@ -23,7 +23,7 @@ protected:
         return *m_table;
     }
 
-    AbbrevPool m_pool;
+    std::shared_ptr<AbbrevPool> m_pool = std::make_shared<AbbrevPool>();
     SymMgrObjectPtr<MemorySection> m_section;
     std::unique_ptr<AbbrevTable> m_table;
 };
@@ -125,6 +125,16 @@ TEST_F(AbbrevTableTest, UnitsOfOneOffsetShareATable) {
     EXPECT_EQ(tables.tableAt(section, 0), tables.tableAt(section, 0));
     EXPECT_NE(tables.tableAt(section, 0), tables.tableAt(section, 1));
     EXPECT_EQ(AbbrevTables().tableAt(nullptr, 5)->find(1), nullptr);
+}
+
+TEST_F(AbbrevTableTest, ATableOutlivesItsLoader) {
+    ByteAssembler bytes;
+    abbreviation(bytes, 1, DW_TAG_variable).uleb(0);
+    SymMgrObjectPtr<MemorySection> section = new MemorySection(bytes.bytes());
+    auto tables = std::make_unique<AbbrevTables>();
+    const std::shared_ptr<const AbbrevTable> table = tables->tableAt(section, 0);
+    tables.reset();
+    EXPECT_EQ(table->find(1)->tag, DW_TAG_variable);
 }
 
 TEST_F(AbbrevTableTest, EntriesKeepTheirAddresses) {

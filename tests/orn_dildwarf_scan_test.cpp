@@ -17,7 +17,8 @@ using test::MemorySection;
 
 class ScanningLoader : public DWARFDebugInfoLoader {
 public:
-    explicit ScanningLoader(IFileFormatHelper* helper) : DWARFDebugInfoLoader(nullptr, "", helper, 0, nullptr) {}
+    explicit ScanningLoader(IFileFormatHelper* helper)
+        : DWARFDebugInfoLoader(nullptr, "", helper, 0, nullptr) {}
     using DWARFDebugInfoLoader::readCompUnit;
     using DWARFDebugInfoLoader::scanUnits;
 };

@@ -12,6 +12,7 @@
 #include <limits>
 #include <new>
 #include <optional>
+#include <utility>
 
 namespace ORN_3_30 {
 
@@ -265,8 +266,9 @@ std::size_t PagedMap::pageCount() const {
 }
 
 AbbrevTable::AbbrevTable(const unsigned char* begin, unsigned long long size, unsigned long long offset,
-                         AbbrevPool& pool) {
-    AbbrevTableReader(SectionWalker(begin, size, offset), pool, m_abbrevsMap).readTable();
+                         std::shared_ptr<AbbrevPool> pool)
+    : m_pool(std::move(pool)) {
+    AbbrevTableReader(SectionWalker(begin, size, offset), *m_pool, m_abbrevsMap).readTable();
 }
 
 std::shared_ptr<const AbbrevTable> AbbrevTables::tableAt(ISectionData* abbrevSection,

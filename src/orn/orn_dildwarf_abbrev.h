@@ -155,14 +155,16 @@ private:
 /// The abbreviations from one offset of `.debug_abbrev`.
 class AbbrevTable {
 public:
-    /// Reads the table at `offset` of the section's bytes; one past the section is empty.
+    /// Reads the table at `offset` of the section's bytes; one past the section is empty. The table shares in
+    /// the pool: a unit that someone holds may outlive its loader.
     AbbrevTable(const unsigned char* begin, unsigned long long size, unsigned long long offset,
-                AbbrevPool& pool);
+                std::shared_ptr<AbbrevPool> pool);
 
     const AbbrevEntry* find(unsigned long long code) const { return m_abbrevsMap.find(code); }
     const PagedMap& map() const { return m_abbrevsMap; }
 
 private:
+    std::shared_ptr<AbbrevPool> m_pool;
     PagedMap m_abbrevsMap;
 };
 
@@ -175,7 +177,7 @@ public:
     std::shared_ptr<const AbbrevTable> tableAt(ISectionData* abbrevSection, unsigned long long offset);
 
 private:
-    AbbrevPool m_pool;
+    std::shared_ptr<AbbrevPool> m_pool = std::make_shared<AbbrevPool>();
     std::map<unsigned long long, std::shared_ptr<const AbbrevTable>> m_tables;
 };
 
