@@ -12,9 +12,11 @@ namespace orn_tool {
 
 using ORN_3_30::IAddress;
 using ORN_3_30::IInlineInstance;
+using ORN_3_30::IIterator;
 using ORN_3_30::isFailure;
 using ORN_3_30::ISourceFile;
 using ORN_3_30::ISourceLocation;
+using ORN_3_30::ISourceLocationSelector;
 using ORN_3_30::ISymbol;
 using ORN_3_30::ISymbolRange;
 using ORN_3_30::status_t;
@@ -32,6 +34,17 @@ void setLocation(Frame& frame, ISourceLocation& location) {
     if (location.column() != 0)
         frame.column = location.column();
 }
+
+/// The first candidate at an address is the line table's own row there, the innermost position; calls that
+/// were expanded follow it. Without a selector the library gives the one that begins last, which may be a
+/// call.
+class InnermostLocation final : public ISourceLocationSelector {
+public:
+    SymMgrObjectPtr<ISourceLocation>
+    select(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISourceLocation>>>& candidates) override {
+        return candidates->current();
+    }
+};
 
 const char* functionName(ISymbol* symbol) {
     return symbol ? symbol->demangledName(0) : "??";
@@ -136,7 +149,10 @@ void Symbolizer::fillFrames(IAddress& address) {
 void Symbolizer::fillLocations(IAddress& address) {
     auto frame = m_answer.frames.begin();
     SymMgrObjectPtr<ISourceLocation> location;
-    if (!isFailure(m_bank.sourceLocationByAddress(&address, location, 0, nullptr)) && location) {
+    InnermostLocation innermost;
+    // The selector travels behind a pointer to void: it has to be one to the interface itself.
+    ISourceLocationSelector* selector = &innermost;
+    if (!isFailure(m_bank.sourceLocationByAddress(&address, location, 0, selector)) && location) {
         setLocation(*frame, *location);
         m_locations.push_back(location);
     }
