@@ -69,10 +69,13 @@ DWARFDebugInfoLoader::DWARFDebugInfoLoader(FileFormatLoader* formatLoader, const
       m_lineResolver(nullptr),
       m_loadLock(nullptr),
       m_walk(std::make_unique<DWARFSymbolWalk>(*this)),
+      m_rangesBudget(0),
       m_loadDwarfSymbols(!isSet("ORN_SKIP_DWARF_SYMBOLS")),
       m_status(status_Ok),
       m_scanStatus(status_Ok),
-      m_topEntriesRead(false) {}
+      m_topEntriesRead(false) {
+    renewRangesBudget();
+}
 
 /// Symbols that someone still holds keep their units; these then have no loader to ask.
 DWARFDebugInfoLoader::~DWARFDebugInfoLoader() {
@@ -138,6 +141,7 @@ status_t DWARFDebugInfoLoader::ensureSections() {
 
 void DWARFDebugInfoLoader::loadUnitSymbols(ISymbolTable* sink, LoadFilter* filter, symbol_kind_t flags) {
     m_segments.ensureRead(fileLoader());
+    renewRangesBudget();
     for (auto& [offset, unit] : m_compUnits) {
         if (unit->hasEntries())
             m_walk->walkUnit(*unit, m_loadDwarfSymbols ? flags : symbol_kind_none, DWARFSymbolSink(sink),
@@ -150,6 +154,7 @@ status_t DWARFDebugInfoLoader::loadChildren(DWARFCompilationUnit& unit, unsigned
     if (!m_sections->info().isPresent())
         return status_NoDebugInfo;
     m_segments.ensureRead(fileLoader());
+    renewRangesBudget();
     m_walk->walkChildren(unit, entryOffset, flags, DWARFSymbolSink(scope));
     return status_Ok;
 }

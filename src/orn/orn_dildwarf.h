@@ -121,6 +121,8 @@ private:
 
     status_t ensureUnits();
     status_t ensureSections();
+    /// Before each walk.
+    void renewRangesBudget();
     void loadUnitSymbols(ISymbolTable* sink, LoadFilter* filter, symbol_kind_t flags);
 
     UnitsByOffset m_compUnits;
@@ -133,6 +135,7 @@ private:
     SymMgrObjectPtr<IAddressMapping> m_addressMapping; ///< null here
     AbbrevTables m_abbrevTables;
     std::unique_ptr<DWARFSymbolWalk> m_walk; ///< one serves all walks, which do not overlap
+    unsigned long long m_rangesBudget;       ///< pairs that the walk may still read
     SegmentSpans m_segments;
     DWARFTypes m_types;
     bool m_loadDwarfSymbols; ///< false: units, lines and compiler details, and no symbols

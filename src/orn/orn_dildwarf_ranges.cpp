@@ -19,6 +19,12 @@ unsigned long long baseSelector(unsigned addressSize) {
 /// of any length in any order; those of compilers that are this long are sorted.
 constexpr std::size_t longestUnsortedList = 4096;
 
+/// How often each range of the section may be read in one walk, on average, beside a number that small
+/// sections may have at any rate. Each list belongs to one entry; where damaged entries share a long list,
+/// what they make of it would grow with the product of both.
+constexpr unsigned long long readingsOfRange = 16;
+constexpr unsigned long long readingsAtAnyRate = 0x10000;
+
 void sortIfLong(DWARFDebugInfoLoader::RangeDeque& ranges) {
     if (ranges.size() > longestUnsortedList)
         std::stable_sort(ranges.begin(), ranges.end());
@@ -41,6 +47,11 @@ void dwarf_utils::calculateHighLowAdresses(const AttrBinding* lowAttr, const Att
         high = isHighAnAddress ? highAttr->value : low + highAttr->value;
 }
 
+void DWARFDebugInfoLoader::renewRangesBudget() {
+    constexpr unsigned long long smallestPair = 8;
+    m_rangesBudget = readingsAtAnyRate + readingsOfRange * (m_sections->rangesSize() / smallestPair);
+}
+
 // Everything is computed in the symbol file's own addresses, in which bases are told, and biased once at the
 // end.
 unsigned long long DWARFDebugInfoLoader::readRanges(DWARFCompilationUnit& unit, const AttrBinding* rangesAttr,
@@ -59,7 +70,7 @@ unsigned long long DWARFDebugInfoLoader::readRanges(DWARFCompilationUnit& unit, 
     unsigned long long selected = 0;
     unsigned long long smallest = ~0ULL;
     bool isAnyAppended = false;
-    while (walker.remaining() > 0) {
+    for (; walker.remaining() > 0 && m_rangesBudget > 0; --m_rangesBudget) {
         const unsigned long long first = walker.readAddress();
         const unsigned long long second = walker.readAddress();
         if (first == 0 && second == 0)

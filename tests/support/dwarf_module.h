@@ -184,6 +184,9 @@ public:
 
     // Asking
 
+    /// Sections in place of those that were built, before the first query.
+    void replace(section_kind_t kind, const std::vector<std::uint8_t>& bytes) { helper().set(kind, bytes); }
+
     /// What a table holds, in the order of its raw view: "name 0x1000-0x1020".
     static std::vector<std::string> listOf(IScope& scope, symbol_kind_t mask = symbol_kind_all) {
         std::vector<std::string> list;
