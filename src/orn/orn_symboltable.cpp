@@ -53,8 +53,9 @@ bool hasOtherName(CellEntry& entry, std::uint32_t nameHash) {
 }
 
 /// Whether a candidate takes an address from the best one so far; both cover it.
-bool beats(const CellEntry& candidate, ISymbol& candidateSymbol, const CellEntry& best, ISymbol& bestSymbol,
-           unsigned long long address) {
+bool beats(const CellEntry& candidate, const CellEntry& best, unsigned long long address) {
+    ISymbol& candidateSymbol = *candidate.scope->symbol();
+    ISymbol& bestSymbol = *best.scope->symbol();
     auto hasDebugDetail = [](ISymbol& symbol) {
         ICompUnitDetails* details = nullptr;
         return symbol.compUnitDetails(details) == status_Ok && details;
@@ -62,8 +63,8 @@ bool beats(const CellEntry& candidate, ISymbol& candidateSymbol, const CellEntry
     bool candidateHasDetail = hasDebugDetail(candidateSymbol);
     if (candidateHasDetail != hasDebugDetail(bestSymbol))
         return candidateHasDetail;
-    unsigned candidateRank = symbolPriorityByKind(candidateSymbol.kind());
-    unsigned bestRank = symbolPriorityByKind(bestSymbol.kind());
+    unsigned candidateRank = symbolPriorityByKind(candidate.kind);
+    unsigned bestRank = symbolPriorityByKind(best.kind);
     if (candidateRank != bestRank)
         return candidateRank < bestRank;
     symbol_visibility_t candidateVisibility = candidateSymbol.visibility();
@@ -256,7 +257,8 @@ CellEntry* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scop
 
 CellEntry* SymbolTable::newEntry(unsigned long long start, unsigned long long end, Scope* scope) {
     CellEntry* entry = m_entryPool.allocate();
-    *entry = {start, end, scope, 0};
+    ISymbol* symbol = scope->symbol();
+    *entry = {start, end, scope, 0, symbol ? symbol->kind() : symbol_kind_none};
     ++m_entryCount;
     return entry;
 }
@@ -417,22 +419,23 @@ const CellEntry* SymbolTable::choose(Position cell, unsigned long long address, 
     return selector ? selected(cell, address, mask, *selector) : winner(m_cells.at(cell), address, mask);
 }
 
+bool SymbolTable::isOfKind(const CellEntry& entry, symbol_kind_t mask) {
+    return (entry.kind & mask) != symbol_kind_none;
+}
+
 /// The default rule.
 const CellEntry* SymbolTable::winner(const Cell& cell, unsigned long long address, symbol_kind_t mask) {
     const CellEntry* best = nullptr;
-    ISymbol* bestSymbol = nullptr;
     for (const CellEntry* entry : cell.list) {
         if (!covers(*entry, address))
             continue;
-        ISymbol* symbol = entry->scope->symbol();
-        if (!ORN_ASSERT(symbol != NULL))
-            break;
-        if ((symbol->kind() & mask) == symbol_kind_none)
-            continue;
-        if (best && !beats(*entry, *symbol, *best, *bestSymbol, address))
-            continue;
-        best = entry;
-        bestSymbol = symbol;
+        if (entry->kind == symbol_kind_none) {
+            ISymbol* symbol = entry->scope->symbol();
+            if (!ORN_ASSERT(symbol != NULL))
+                break;
+        }
+        if (isOfKind(*entry, mask) && (!best || beats(*entry, *best, address)))
+            best = entry;
     }
     return best;
 }

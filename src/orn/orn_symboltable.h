@@ -48,6 +48,10 @@ private:
 ///
 /// The cell where an entry starts is its owner. An entry that loses its place there, which happens only where
 /// scopes are folded, keeps its memory until the table dies: other cells may still list it.
+///
+/// A scope has its symbol when it comes, and the kind of a symbol does not change any more. So the kind
+/// stands in the entry, and a lookup that finds one candidate touches neither scope nor symbol, which lie
+/// anywhere in memory.
 class SymbolTable : public SymMgrObject<ISymbolTable> {
 public:
     using RangeIteratorPtr = SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>>;
@@ -105,6 +109,7 @@ private:
     static bool covers(const CellEntry& entry, unsigned long long address);
     const CellEntry* choose(Position cell, unsigned long long address, symbol_kind_t mask,
                             ISymbolSelector* selector);
+    static bool isOfKind(const CellEntry& entry, symbol_kind_t mask);
     static const CellEntry* winner(const Cell& cell, unsigned long long address, symbol_kind_t mask);
     const CellEntry* selected(Position cell, unsigned long long address, symbol_kind_t mask,
                               ISymbolSelector& selector);

@@ -2,6 +2,8 @@
 #ifndef ORN_SYMBOLTABLE_CELLS_H
 #define ORN_SYMBOLTABLE_CELLS_H
 
+#include "orn/types.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -33,6 +35,7 @@ struct CellEntry {
     unsigned long long end;
     Scope* scope;
     std::uint32_t nameHash; ///< 0 until crowded cells need it, see SymbolTable
+    symbol_kind_t kind;     ///< the symbol's; none if the scope had no symbol when it came
 
     bool isEmpty() const { return start == end; }
 };

@@ -53,7 +53,7 @@ void SymbolByAddrIterator::settleFrom(std::size_t index) {
         ISymbol* symbol = list[m_index]->scope->symbol();
         if (!ORN_ASSERT(symbol != NULL))
             return;
-        if ((symbol->kind() & m_mask) == symbol_kind_none)
+        if (!SymbolTable::isOfKind(*list[m_index], m_mask))
             continue;
         m_symbol = symbol;
         return;
@@ -152,8 +152,7 @@ bool SymbolRangesIterator::isReported(const CellEntry& entry, unsigned long long
     bool startsAtHigh = entry.start >= m_high && m_low != m_high;
     if (begin == end && (endsAtLow || startsAtHigh))
         return false;
-    ISymbol* symbol = entry.scope->symbol();
-    return symbol && (symbol->kind() & m_mask) != symbol_kind_none;
+    return SymbolTable::isOfKind(entry, m_mask);
 }
 
 // --- The cut view
