@@ -135,10 +135,24 @@ debugBuild() {
     runBuild build-debug
 }
 
-# clangBuild PRESET BUILD-DIRECTORY
+# clangBuild PRESET BUILD-DIRECTORY [CMAKE-ARGUMENT...]
 clangBuild() {
-    CC=clang CXX=clang++ configure "$1" "$2" -DORN_WERROR=ON -DORN_BUILD_BENCH=OFF
+    CC=clang CXX=clang++ configure "$1" "$2" -DORN_WERROR=ON -DORN_BUILD_BENCH=OFF "${@:3}"
     runBuild "$2"
+}
+
+# A short run each, on a copy of the corpus: enough to see that the targets still work. The real thing is the
+# preset "fuzz", which has the whole library instrumented.
+fuzzBriefly() {
+    local program parser work
+    for program in "$root/$1"/bin/fuzz_*; do
+        parser=${program##*/fuzz_}
+        work=$(mktemp -d)
+        cp -r "$root/fuzz/corpus/$parser/." "$work/"
+        "${runner[@]+"${runner[@]}"}" "$program" -max_total_time=3 -rss_limit_mb=4096 -timeout=20 \
+            -artifact_prefix="$root/$1/" "$work" 2>&1 | tail -n 1
+        rm -rf "$work"
+    done
 }
 
 # Kernels that spread mappings over more bits than the sanitizers' fixed shadows leave free kill these programs
@@ -187,9 +201,10 @@ fullRun() {
     step "Check the public headers alone (clang, C++17)" checkPublicHeaders clang++
     chooseRunner
     chooseSanitizerOptions
-    step "Build with address and undefined-behaviour sanitizers (clang)" clangBuild asan build-asan
+    step "Build with address and undefined-behaviour sanitizers (clang)" clangBuild asan build-asan -DORN_BUILD_FUZZ=ON
     step "Test with address and undefined-behaviour sanitizers" runTests build-asan
     configurations+=(build-asan)
+    step "Fuzz every parser for a moment" fuzzBriefly build-asan
     if sanitizerWorks thread; then
         step "Build with the thread sanitizer (clang)" clangBuild tsan build-tsan
         step "Test with the thread sanitizer" runTests build-tsan -LE slow

@@ -65,6 +65,16 @@ TEST_F(AddressTest, TheZeroFilledTailHasNoFileOffset) {
     EXPECT_EQ(at(0x401201)->fileOffset(), none);
 }
 
+TEST_F(AddressTest, ASegmentWithoutAFileHasNoFileOffsets) {
+    FakeSegment kernel;
+    kernel.rva = 0x10000000;
+    kernel.fileOffset = none;
+    kernel.memorySize = 0x1000;
+    loader->segments.push_back(kernel);
+    EXPECT_EQ(at(0x10400000)->fileOffset(), none);
+    EXPECT_EQ(at(0x10400010)->fileOffset(), none);
+}
+
 TEST_F(AddressTest, AFailedTestIsRemembered) {
     SymMgrObjectPtr<IAddress> address = at(0x401280);
     EXPECT_EQ(address->fileOffset(), none);

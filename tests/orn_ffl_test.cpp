@@ -3,10 +3,12 @@
 #include "orn/address.h"
 #include "orn/symbol.h"
 #include "orn_ffl_registry.h"
+#include "support/allocation.h"
 #include "support/orn_fixture.h"
 #include "support/temp_dir.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -659,4 +661,98 @@ TEST_F(FileReadTest, ASegmentReadsItsBytesInTheFile) {
     EXPECT_EQ(textOf(buffer), "34");
     EXPECT_EQ(segment->readAt(top, 1, buffer), status_False);
     expectLog("Unable to read 1 bytes from file: ");
+}
+
+// --- Memory that is refused
+
+namespace {
+
+class LoaderOutOfMemoryTest : public FileReadTest {
+protected:
+    LoaderOutOfMemoryTest() { setLogLevel(50000); }
+
+    /// Runs `step` with its first, second, ... allocation failing until it gets by without one failing.
+    /// Success and `status_OutOfMemory` alone will do.
+    void failEachAllocationOf(const std::function<status_t()>& step) {
+        unsigned refused = 0;
+        for (unsigned long number = 1;; ++number) {
+            test::FailingAllocation failing(number);
+            const status_t status = step();
+            if (!failing.happened()) {
+                EXPECT_EQ(status, status_Ok);
+                break;
+            }
+            if (status != status_Ok) {
+                EXPECT_EQ(status, status_OutOfMemory) << "allocation " << number;
+                ++refused;
+            }
+        }
+        EXPECT_GT(refused, 0u);
+    }
+};
+
+} // namespace
+
+TEST_F(LoaderOutOfMemoryTest, AReadSaysSo) {
+    failEachAllocationOf([this] {
+        SymMgrObjectPtr<IBuffer> out;
+        const status_t status = loader->readBytes(0, 10, out);
+        EXPECT_EQ(out.get() != nullptr, status == status_Ok);
+        return status;
+    });
+}
+
+TEST_F(LoaderOutOfMemoryTest, AnAddressSaysSo) {
+    ASSERT_TRUE(loader->addInFile(0x1000, 0, 0x100, 0x100));
+    SymMgrObjectPtr<IAddress> address;
+    failEachAllocationOf([&] { return loader->getAddress(address, 0x1000); });
+    failEachAllocationOf([&] { return loader->getAddressOfFileOffset(address, 0x10); });
+}
+
+TEST_F(LoaderOutOfMemoryTest, ASegmentIteratorIsThenNoAnswerAtAll) {
+    SymMgrObjectPtr<IIterator<ISegment*>> segments;
+    test::FailingAllocation failing(1);
+    EXPECT_THROW(loader->getSegments(segments), std::bad_alloc);
+    EXPECT_FALSE(segments);
+}
+
+TEST_F(LoaderOutOfMemoryTest, ACandidateListThatWasNotFinishedIsCollectedAgain) {
+    loader->candidates = {{"a", 1}, {"b", 1}, {"c", 1}};
+    SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolFileToResolve>>> symbolFiles;
+    failEachAllocationOf([&] { return loader->getSymbolFiles(symbolFiles); });
+    EXPECT_TRUE(symbolFiles->next());
+    EXPECT_TRUE(symbolFiles->next());
+    EXPECT_FALSE(symbolFiles->next());
+}
+
+TEST_F(LoaderOutOfMemoryTest, ADebugInfoLoaderThatWasNotMadeIsTriedAgain) {
+    loader->candidates = {{"a file name that is too long for the short strings", 1}};
+    SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolFileToResolve>>> symbolFiles;
+    ASSERT_EQ(loader->getSymbolFiles(symbolFiles), status_Ok);
+    SymMgrObjectPtr<IDebugInfoLoader> out;
+    failEachAllocationOf([&] { return loader->getDebugInfoLoader(out, 0); });
+    EXPECT_TRUE(out);
+    EXPECT_EQ(loader->alive, 1);
+}
+
+TEST_F(LoaderOutOfMemoryTest, ASegmentOrSectionThatWasNotAddedLeavesTheMapsWhole) {
+    const auto addAll = [this] {
+        try {
+            loader->add(0x1000, 0x10, 0);
+            loader->add(0x1000, 0x20, 1);
+            loader->add(0x3000, 0x20, 1);
+            loader->addSection("first", 0x1000, 0x10);
+            loader->addSection("second", 0x1000, 0x20);
+            return status_Ok;
+        } catch (const std::bad_alloc&) {
+            for (int index = 1; ISegment* segment = loader->getSegmentAt(index); ++index)
+                EXPECT_STREQ(segment->getName(), "s");
+            if (ISection* section = loader->findSection(0x1000)) {
+                EXPECT_GE(section->getSize(), 0x10u);
+            }
+            return status_OutOfMemory;
+        }
+    };
+    failEachAllocationOf(addAll);
+    EXPECT_EQ(loader->findSection(0x1000)->getSize(), 0x20u);
 }

@@ -9,6 +9,8 @@
 #include <log4cplus/logger.h>
 
 #include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
@@ -243,6 +245,32 @@ TEST_F(LogTest, AnAppenderThatThrowsDoesNotReachTheCaller) {
     EXPECT_NO_THROW(ORN_ASSERT(1 > 2));
     logger.removeAppender(thrower);
     takeLogs();
+}
+
+/// Made before everything else in static storage, so that it dies after the logger does.
+struct LastToDie {
+    ~LastToDie() {
+        if (!isArmed)
+            return;
+        std::fputs(internal::isLogEnabled(internal::log_Error) ? "logger alive" : "logger gone", stderr);
+        ORN_TRACE("late");
+        ORN_LOG_ERROR("late");
+        ORN_ASSERT(1 > 2);
+        std::fputs(" and nothing happened", stderr);
+    }
+    bool isArmed = false;
+};
+
+__attribute__((init_priority(101))) LastToDie s_lastToDie;
+
+TEST(LogDeathTest, WhatIsLoggedBehindTheEndOfTheLoggerGoesNowhere) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            s_lastToDie.isArmed = true;
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "logger gone and nothing happened");
 }
 
 } // namespace

@@ -7,7 +7,10 @@
 #include "support/orn_fixture.h"
 #include "support/temp_dir.h"
 
+#include <atomic>
+#include <chrono>
 #include <new>
+#include <thread>
 
 namespace ORN_3_30::test {
 namespace {
@@ -300,6 +303,70 @@ TEST_F(BankTest, CorruptDebugInformationLeavesTheFormatsSymbols) {
               status_BadDebugInfo);
     ASSERT_EQ(bank->symbolRangeByAddress(at(0x401010), range, symbol_kind_function, nullptr), status_Ok);
     EXPECT_STREQ(range->symbol()->rawName(), "main");
+}
+
+TEST_F(BankTest, DebugInformationWithoutMemoryLeavesTheFormatsSymbols) {
+    expectLog("Out of memory");
+    debug->onLoad = [](ISymbolTable*, symbol_kind_t) -> status_t { throw std::bad_alloc(); };
+    loader->onRead = [this](ISymbolTable* sink, symbol_kind_t) {
+        enterSymbol(*loader, sink, "main", 0x401000, 0x401020);
+        return status_Ok;
+    };
+    SymMgrObjectPtr<ModuleSymbolBank> bank = makeBank(debug);
+    SymMgrObjectPtr<ISymbolRange> range;
+    EXPECT_EQ(bank->symbolRangeByAddress(at(0x401010), range, symbol_kind_function, nullptr),
+              status_OutOfMemory);
+    ASSERT_EQ(bank->symbolRangeByAddress(at(0x401010), range, symbol_kind_function, nullptr), status_Ok);
+    EXPECT_STREQ(range->symbol()->rawName(), "main");
+}
+
+TEST_F(BankTest, TheLineResolverIsMadeWithTheLockThatALoadHolds) {
+    SymMgrObjectPtr<ModuleSymbolBank> bank = makeBank(debug);
+    ASSERT_TRUE(debug->lentLock);
+    std::atomic<bool> isLockFree = false;
+    std::thread other;
+    loader->onRead = [&](ISymbolTable*, symbol_kind_t) {
+        other = std::thread([&] {
+            ScopedLock guard(debug->lentLock);
+            isLockFree = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        EXPECT_FALSE(isLockFree);
+        return status_Ok;
+    };
+    SymMgrObjectPtr<ISymbolRange> range;
+    EXPECT_EQ(bank->symbolRangeByAddress(at(0x401010), range, symbol_kind_function, nullptr), status_False);
+    other.join();
+    EXPECT_TRUE(isLockFree);
+}
+
+TEST_F(BankTest, ManyThreadsMayBeTheFirstToAskInsideASymbol) {
+    loader->onRead = [this](ISymbolTable* sink, symbol_kind_t) {
+        enterSymbol(*loader, sink, "main", 0x401000, 0x401020);
+        return status_Ok;
+    };
+    for (int round = 0; round < 20; ++round) {
+        SymMgrObjectPtr<ModuleSymbolBank> bank = makeBank();
+        std::atomic<int> waiting = 4;
+        std::vector<std::thread> threads;
+        for (int number = 0; number < 4; ++number)
+            threads.emplace_back([&] {
+                const SymMgrObjectPtr<IAddress> address = at(0x401010);
+                SymMgrObjectPtr<ISymbolRange> range;
+                const status_t status =
+                    bank->symbolRangeByAddress(address, range, symbol_kind_function, nullptr);
+                --waiting;
+                while (waiting > 0)
+                    std::this_thread::yield();
+                ASSERT_EQ(status, status_Ok);
+                SymMgrObjectPtr<ISymbolRange> nested;
+                range->nestedRangeByAddress(nested, address);
+                range->nestedRangeByAddress(nested, address);
+                EXPECT_FALSE(nested);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+    }
 }
 
 TEST_F(BankTest, ALoadWithoutMemoryIsReported) {

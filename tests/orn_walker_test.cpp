@@ -216,6 +216,11 @@ TEST_F(SectionWalkerTest, Leb128IgnoresBitsBeyond64) {
     EXPECT_EQ(walker.readSLEB(), -1);
     EXPECT_EQ(walker.offset(), 12u);
 
+    Bytes eleven(11, 0x80);
+    eleven.back() = 0x7F;
+    EXPECT_EQ(over(eleven).readULEB(), 0u);
+    EXPECT_EQ(over(eleven).readSLEB(), 0);
+
     const Bytes tenth = {0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x7E};
     SectionWalker tenthWalker = over(tenth);
     EXPECT_EQ(tenthWalker.readULEB(), 0u);

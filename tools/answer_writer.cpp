@@ -15,29 +15,12 @@ std::string_view nameIn(std::string_view path) {
     return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-/// Wide enough for every address of the module, so that the answers stand in columns.
-std::size_t widestAddress(ORN_3_30::IModuleSymbolBank& bank) {
-    return hexText(bank.preferredLoadAddress() + bank.imageSize()).size();
-}
-
-JsonWriter& optionalNumber(JsonWriter& json, const std::optional<unsigned>& value) {
-    return value ? json.number(*value) : json.null();
-}
-
-JsonWriter& optionalHex(JsonWriter& json, const std::optional<unsigned long long>& value) {
-    return value ? json.hex(*value) : json.null();
-}
-
-JsonWriter& optionalString(JsonWriter& json, const char* text) {
-    return text ? json.string(text) : json.null();
-}
-
 } // namespace
 
 TextAnswerWriter::TextAnswerWriter(const ModuleSession& session, Output& output)
     : m_output(output),
       m_moduleName(printable(nameIn(session.path()))),
-      m_addressWidth(widestAddress(session.bank())) {}
+      m_addressWidth(session.addressWidth()) {}
 
 void TextAnswerWriter::write(const Answer& answer) {
     const std::string address = answer.address ? hexText(*answer.address) : "??";
@@ -83,8 +66,8 @@ JsonAnswerWriter::JsonAnswerWriter(const ModuleSession& session, Output& output)
 
 void JsonAnswerWriter::write(const Answer& answer) {
     beginAnswer();
-    optionalHex(m_json.key("address"), answer.address);
-    optionalHex(m_json.key("rva"), answer.rva);
+    m_json.key("address").hex(answer.address);
+    m_json.key("rva").hex(answer.rva);
     m_json.key("symbol");
     if (answer.symbol)
         putSymbol(answer);
@@ -119,9 +102,9 @@ void JsonAnswerWriter::putSymbol(const Answer& answer) {
 
 void JsonAnswerWriter::putFrame(const Frame& frame) {
     m_json.beginObject().key("function").string(frame.function);
-    optionalString(m_json.key("file"), frame.file);
-    optionalNumber(m_json.key("line"), frame.line);
-    optionalNumber(m_json.key("column"), frame.column);
+    m_json.key("file").stringOrNull(frame.file);
+    m_json.key("line").number(frame.line);
+    m_json.key("column").number(frame.column);
     m_json.key("inlined").boolean(frame.isInlined).endObject();
 }
 

@@ -36,6 +36,11 @@ void printFields(Output& output, const ModuleDescription& module) {
                  : "none");
 }
 
+/// A cell is never empty: lines do not end in blanks, and something stands where something is said.
+std::string orDash(const std::string& text) {
+    return text.empty() ? "-" : printable(text);
+}
+
 void printTable(Output& output, std::string_view title, const TextTable& table) {
     output.put('\n').put(title).put(table.isEmpty() ? ": none\n" : "\n");
     if (!table.isEmpty())
@@ -47,7 +52,7 @@ void printCandidates(Output& output, const ModuleDescription& module) {
     for (const Candidate& candidate : module.candidates)
         table.addRow({wordForSymbolFile(candidate.kind),
                       std::string(wordForCandidate(candidate.state)) + (candidate.isChosen ? ", chosen" : ""),
-                      candidate.wantedName.empty() ? "-" : printable(candidate.wantedName)});
+                      orDash(candidate.wantedName)});
     printTable(output, "Candidates for the symbol file", table);
 }
 
@@ -56,11 +61,12 @@ void printSegments(Output& output, const ModuleDescription& module) {
                      {"size", Align::Right},
                      {"file offset", Align::Right},
                      {"file size", Align::Right},
-                     {"kind", Align::Right},
+                     {"kind", Align::Left},
                      {"name", Align::Left}});
     for (const SegmentDescription& segment : module.segments)
         table.addRow({hexText(segment.address), hexText(segment.memorySize), hexText(segment.fileOffset),
-                      hexText(segment.fileSize), std::to_string(segment.kind), printable(segment.name)});
+                      hexText(segment.fileSize), segment.kind == 0 ? "code" : std::to_string(segment.kind),
+                      orDash(segment.name)});
     printTable(output, "Segments", table);
 }
 
@@ -71,7 +77,7 @@ void printSections(Output& output, const ModuleDescription& module) {
                      {"name", Align::Left}});
     for (const SectionDescription& section : module.sections)
         table.addRow({hexText(section.address), hexText(section.size),
-                      section.fileOffset ? hexText(*section.fileOffset) : "-", printable(section.name)});
+                      section.fileOffset ? hexText(*section.fileOffset) : "-", orDash(section.name)});
     printTable(output, "Sections", table);
 }
 
@@ -83,13 +89,6 @@ void printText(Output& output, const ModuleDescription& module) {
 }
 
 // ---- JSON
-
-void optionalHex(JsonWriter& json, const std::optional<unsigned long long>& value) {
-    if (value)
-        json.hex(*value);
-    else
-        json.null();
-}
 
 void putSegments(JsonWriter& json, const ModuleDescription& module) {
     json.key("segments").beginArray();
@@ -106,8 +105,7 @@ void putSections(JsonWriter& json, const ModuleDescription& module) {
     for (const SectionDescription& section : module.sections) {
         json.beginObject().key("name").string(section.name);
         json.key("address").hex(section.address).key("size").hex(section.size);
-        optionalHex(json.key("fileOffset"), section.fileOffset);
-        json.endObject();
+        json.key("fileOffset").hex(section.fileOffset).endObject();
     }
     json.endArray();
 }
@@ -140,7 +138,7 @@ void printJson(Output& output, const ModuleDescription& module) {
     json.key("format").string(wordFor(module.format));
     json.key("architecture").string(wordFor(module.architecture));
     json.key("loadAddress").hex(module.loadAddress);
-    optionalHex(json.key("entryPoint"), module.entryPoint);
+    json.key("entryPoint").hex(module.entryPoint);
     json.key("imageSize").hex(module.imageSize);
     putSymbolFile(json, module);
     putCandidates(json, module);

@@ -13,7 +13,16 @@
 
 namespace orn_tool {
 
-using namespace ORN_3_30;
+using ORN_3_30::IAddress;
+using ORN_3_30::IIterator;
+using ORN_3_30::IModuleSymbolBank;
+using ORN_3_30::isFailure;
+using ORN_3_30::ISymbol;
+using ORN_3_30::ISymbolRange;
+using ORN_3_30::status_t;
+using ORN_3_30::symbol_kind_t;
+using ORN_3_30::SymMgrObjectPtr;
+using enum ORN_3_30::symbol_kind_t;
 
 namespace {
 
@@ -21,8 +30,8 @@ using RangeIteratorPtr = SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>
 
 symbol_kind_t maskOf(const SymbolsOptions& options) {
     symbol_kind_t mask = symbol_kind_none;
-    for (const symbol_kind_t kind : options.kinds)
-        mask |= kind;
+    for (const std::string& word : options.kinds)
+        mask |= kindMask(word);
     return options.kinds.empty() ? symbol_kind_all : mask;
 }
 
@@ -113,10 +122,6 @@ void printAll(RangeIteratorPtr& ranges, const Output& output, Rows&& rows) {
     }
 }
 
-std::size_t addressWidth(IModuleSymbolBank& bank) {
-    return hexText(bank.preferredLoadAddress() + bank.imageSize()).size();
-}
-
 } // namespace
 
 int runSymbols(const SymbolsOptions& options) {
@@ -135,7 +140,7 @@ int runSymbols(const SymbolsOptions& options) {
     if (options.asJson)
         printAll(ranges, output, JsonRows(output));
     else
-        printAll(ranges, output, TextRows(output, addressWidth(session.bank())));
+        printAll(ranges, output, TextRows(output, session.addressWidth()));
     return finish(output);
 }
 

@@ -5,8 +5,6 @@
 #include "module_session.h"
 #include "symbolizer.h"
 
-#include "orn/types.h"
-
 #include <string>
 #include <vector>
 
@@ -28,7 +26,7 @@ int runInfo(const InfoOptions& options);
 
 struct SymbolsOptions {
     std::string module;
-    std::vector<ORN_3_30::symbol_kind_t> kinds; ///< none: all
+    std::vector<std::string> kinds; ///< words of kindWords(); none: all
     bool isCut = false;
     bool asJson = false;
 };

@@ -7,11 +7,16 @@ namespace orn_tool {
 
 namespace {
 
-/// Length of the beginning of `text` that stands for itself inside quotes.
+/// Whether a byte stands for itself inside quotes whatever comes behind it.
+bool isPlain(char byte) {
+    const auto value = static_cast<unsigned char>(byte);
+    return value >= 0x20 && value < 0x7f && value != '"' && value != '\\';
+}
+
+/// Length of the beginning of `text` that needs no second look.
 std::size_t plainLength(std::string_view text) {
     std::size_t length = 0;
-    while (length < text.size() && text[length] >= 0x20 && text[length] != '"' && text[length] != '\\' &&
-           text[length] != 0x7f)
+    while (length < text.size() && isPlain(text[length]))
         ++length;
     return length;
 }

@@ -4,6 +4,8 @@
 
 #include "output.h"
 
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace orn_tool {
@@ -29,6 +31,10 @@ public:
     JsonWriter& number(unsigned long long value);
     JsonWriter& boolean(bool value);
     JsonWriter& null();
+    /// The value, or null without one.
+    JsonWriter& hex(const std::optional<unsigned long long>& value) { return value ? hex(*value) : null(); }
+    JsonWriter& number(const std::optional<unsigned>& value) { return value ? number(*value) : null(); }
+    JsonWriter& stringOrNull(const char* text) { return text ? string(text) : null(); }
 
     /// Ends the line of a finished object.
     void endLine();

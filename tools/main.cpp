@@ -12,9 +12,9 @@
 #include <functional>
 #include <new>
 
-namespace {
+namespace orn_tool {
 
-using namespace orn_tool;
+namespace {
 
 /// The verb that was asked for, with its options bound.
 using Verb = std::function<int()>;
@@ -58,11 +58,8 @@ void addSymbols(CLI::App& app, SymbolsOptions& options, Verb& verb) {
     command->footer("Columns: begin, end, size, kind, visibility, name. Ranges may overlap unless --cut.");
     addModule(*command, options.module);
     command->add_option("--kind", options.kinds, "Only symbols of this kind; may be given several times")
-        ->transform(CLI::CheckedTransformer(kindWords())
-                        .description("function, label, variable, other, entry-point, code or all"))
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->option_text("KIND");
+        ->check(CLI::IsMember(kindWords()))
+        ->allow_extra_args(false);
     command->add_flag("--cut", options.isCut, "Cut ranges so that each address has one owner");
     addJson(*command, options.asJson);
     command->callback([&options, &verb] { verb = [&options] { return runSymbols(options); }; });
@@ -92,13 +89,15 @@ int runProgram(int argc, char** argv) {
 
 } // namespace
 
+} // namespace orn_tool
+
 int main(int argc, char** argv) {
     try {
-        return runProgram(argc, argv);
+        return orn_tool::runProgram(argc, argv);
     } catch (const std::bad_alloc&) {
         std::fputs("orn: out of memory: free memory or raise the limit (ulimit -v) and try again\n", stderr);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "orn: %s\n", error.what());
     }
-    return exit_NotLoaded;
+    return orn_tool::exit_NotLoaded;
 }

@@ -8,7 +8,18 @@
 
 namespace orn_tool {
 
-using namespace ORN_3_30;
+using ORN_3_30::IAddress;
+using ORN_3_30::IFileFormatLoader;
+using ORN_3_30::IIterator;
+using ORN_3_30::IModuleImage;
+using ORN_3_30::IModuleSymbolBank;
+using ORN_3_30::ISection;
+using ORN_3_30::ISegment;
+using ORN_3_30::isFailure;
+using ORN_3_30::status_t;
+using ORN_3_30::SymMgrObjectPtr;
+using enum ORN_3_30::arch_t;
+using enum ORN_3_30::symbol_file_type_t;
 
 namespace {
 
@@ -31,18 +42,28 @@ std::vector<SegmentDescription> describeSegments(IModuleSymbolBank& bank) {
     return all;
 }
 
-SectionDescription describeSection(ISection& section) {
+/// Sections taken by index do not tell reliably whether they have bytes in the file; taken by name they do. A
+/// name may stand for several sections, though, and the first of them is given.
+bool isWithoutBytes(IModuleSymbolBank& bank, ISection& section) {
+    SymMgrObjectPtr<ISection> named;
+    const status_t status = bank.sectionByName(section.getName(), named);
+    const bool isSame = !isFailure(status) && named && named->getFileOffset() == section.getFileOffset() &&
+                        named->getSize() == section.getSize();
+    return isSame ? named->isNoBits() : section.isNoBits();
+}
+
+SectionDescription describeSection(IModuleSymbolBank& bank, ISection& section) {
     SectionDescription description{textOf(section.getName()), section.getAddress(), section.getSize(), {}};
-    if (!section.isNoBits())
+    if (!isWithoutBytes(bank, section))
         description.fileOffset = section.getFileOffset();
     return description;
 }
 
-std::vector<SectionDescription> describeSections(const std::string& path) {
+std::vector<SectionDescription> describeSections(const ModuleSession& session) {
     std::vector<SectionDescription> all;
     SymMgrObjectPtr<IFileFormatLoader> loader;
-    const status_t status =
-        IFileFormatLoader::create(loader, IModuleImage::create(path.c_str(), arch_unknown, false), nullptr);
+    const status_t status = IFileFormatLoader::create(
+        loader, IModuleImage::create(session.path().c_str(), arch_unknown, false), nullptr);
     if (isFailure(status) || !loader)
         return all;
     for (unsigned index = 0;; ++index) {
@@ -50,7 +71,7 @@ std::vector<SectionDescription> describeSections(const std::string& path) {
         loader->getSectionByIndex(section, index);
         if (!section)
             return all;
-        all.push_back(describeSection(*section));
+        all.push_back(describeSection(session.bank(), *section));
     }
 }
 
@@ -67,7 +88,7 @@ ModuleDescription describe(const ModuleSession& session) {
         module.entryPoint = entry->pseudoAddr();
     module.imageSize = bank.imageSize();
     module.segments = describeSegments(bank);
-    module.sections = describeSections(session.path());
+    module.sections = describeSections(session);
     if (bank.symFileFormat() != symbol_file_none)
         module.symbolFile = {textOf(bank.symFileName()), bank.symFileFormat()};
     module.candidates = session.candidates();

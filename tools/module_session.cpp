@@ -11,7 +11,16 @@
 
 namespace orn_tool {
 
-using namespace ORN_3_30;
+using ORN_3_30::IIterator;
+using ORN_3_30::isFailure;
+using ORN_3_30::ISymbolFileResolver;
+using ORN_3_30::ISymbolFileToResolve;
+using ORN_3_30::ISymbolManager;
+using ORN_3_30::status_t;
+using ORN_3_30::SymMgrObjectPtr;
+using ORN_3_30::toUString;
+using enum ORN_3_30::arch_t;
+using enum ORN_3_30::status_t;
 
 namespace {
 
@@ -77,10 +86,10 @@ std::string adviceFor(const std::string& path, status_t status) {
     case status_InvalidArg:
         return adviceForUnopened(path);
     case status_UnknownFileFormat:
-        return "this is not a program, library or other kind of module that orn reads";
     case status_BadFileFormat:
     case status_NoSectionData:
-        return "the file is damaged or cut short; fetch or build it again";
+        return "the file is no program, library or other module that orn reads, or it is damaged; "
+               "see what it is with 'file' and fetch or build it again";
     case status_BadDebugInfo:
         return "the debug information is damaged; build the module or its symbol file again";
     case status_OutOfMemory:
@@ -111,6 +120,10 @@ bool ModuleSession::load() {
     if (isFailure(status))
         reportFailure(m_path, status);
     return !isFailure(status);
+}
+
+std::size_t ModuleSession::addressWidth() const {
+    return hexText(m_bank->preferredLoadAddress() + m_bank->imageSize()).size();
 }
 
 int finish(Output& output) {

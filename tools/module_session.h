@@ -36,6 +36,8 @@ public:
     const std::string& path() const { return m_path; }
     ORN_3_30::IModuleSymbolBank& bank() const { return *m_bank; }
     const std::vector<Candidate>& candidates() const { return m_candidates; }
+    /// How wide the addresses of the module are as text, so that they stand in columns.
+    std::size_t addressWidth() const;
 
 private:
     std::string m_path;

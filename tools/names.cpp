@@ -5,7 +5,15 @@
 
 namespace orn_tool {
 
-using namespace ORN_3_30;
+using ORN_3_30::arch_t;
+using ORN_3_30::exec_format_t;
+using ORN_3_30::symbol_kind_t;
+using ORN_3_30::symbol_visibility_t;
+using enum ORN_3_30::arch_t;
+using enum ORN_3_30::exec_format_t;
+using enum ORN_3_30::symbol_file_type_t;
+using enum ORN_3_30::symbol_kind_t;
+using enum ORN_3_30::symbol_visibility_t;
 
 const char* wordFor(symbol_kind_t kind) {
     switch (kind) {
@@ -101,17 +109,18 @@ const char* wordForCandidate(unsigned state) {
     }
 }
 
-const std::vector<std::pair<std::string, symbol_kind_t>>& kindWords() {
-    static const std::vector<std::pair<std::string, symbol_kind_t>> words = {
-        {"function", symbol_kind_function},
-        {"label", symbol_kind_label},
-        {"variable", symbol_kind_variable},
-        {"other", symbol_kind_other},
-        {"entry-point", symbol_kind_entry_point},
-        {"code", symbol_kind_code},
-        {"all", symbol_kind_all},
-    };
+const std::vector<std::string>& kindWords() {
+    static const std::vector<std::string> words = {"function",    "label", "variable", "other",
+                                                   "entry-point", "code",  "all"};
     return words;
+}
+
+symbol_kind_t kindMask(const std::string& word) {
+    for (const symbol_kind_t kind : {symbol_kind_function, symbol_kind_label, symbol_kind_variable,
+                                     symbol_kind_other, symbol_kind_entry_point})
+        if (word == wordFor(kind))
+            return kind;
+    return word == "code" ? symbol_kind_code : symbol_kind_all;
 }
 
 } // namespace orn_tool

@@ -5,7 +5,6 @@
 #include "orn/types.h"
 
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace orn_tool {
@@ -20,8 +19,10 @@ const char* wordForSymbolFile(unsigned type);
 /// `state`: what ISymbolFileToResolve::state() gives.
 const char* wordForCandidate(unsigned state);
 
-/// The words that --kind takes, with their masks.
-const std::vector<std::pair<std::string, ORN_3_30::symbol_kind_t>>& kindWords();
+/// The words that --kind takes.
+const std::vector<std::string>& kindWords();
+/// The mask of one of them.
+ORN_3_30::symbol_kind_t kindMask(const std::string& word);
 
 } // namespace orn_tool
 

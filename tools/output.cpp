@@ -31,7 +31,7 @@ bool isControl(std::string_view sequence) {
 
 bool isPlain(std::string_view text) {
     for (const char byte : text)
-        if (byte < 0x20 || byte == 0x7f)
+        if (byte < 0x20 || byte >= 0x7f)
             return false;
     return true;
 }

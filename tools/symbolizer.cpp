@@ -10,7 +10,17 @@
 
 namespace orn_tool {
 
-using namespace ORN_3_30;
+using ORN_3_30::IAddress;
+using ORN_3_30::IInlineInstance;
+using ORN_3_30::isFailure;
+using ORN_3_30::ISourceFile;
+using ORN_3_30::ISourceLocation;
+using ORN_3_30::ISymbol;
+using ORN_3_30::ISymbolRange;
+using ORN_3_30::status_t;
+using ORN_3_30::SymMgrObjectPtr;
+using enum ORN_3_30::status_t;
+using enum ORN_3_30::symbol_kind_t;
 
 namespace {
 

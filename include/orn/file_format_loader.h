@@ -58,6 +58,9 @@ public:
 
 /// The format-neutral view of a module's file. Addresses are pseudo addresses unless a name says RVA or file
 /// offset.
+///
+/// An operation without a status lets `std::bad_alloc` through, since "none" would be a wrong answer; the
+/// bank around it turns the failure into `status_OutOfMemory`.
 class IFileFormatLoader : public ISymMgrObject {
 public:
     /// The candidates for the symbol file, in order of preference.

@@ -76,7 +76,7 @@ public:
     /// The table's scope, borrowed.
     virtual Scope* scope() = 0;
 
-    /// A new table for `scope`, count 0, not guarded.
+    /// A new table for `scope`, count 0, not guarded; null without memory.
     ORN_API static ISymbolTable* create(Scope* scope);
 
 protected:

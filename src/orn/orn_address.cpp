@@ -41,6 +41,9 @@ unsigned long long Address::fileOffset() {
         return m_fileOffset;
     ISegment* holder = m_loader->findSegment(m_pseudoAddr);
     ISection* section = m_loader->findSection(m_pseudoAddr);
+    // The segment of a kernel that is not on disk: all ones mark that it has no bytes in any file.
+    if (holder && holder->getFileOffset() == noOffset)
+        return keepFileOffset(noOffset, 0);
     if (holder)
         return keepFileOffset(m_pseudoAddr - holder->getRva() - m_loader->getImageBase() +
                                   holder->getFileOffset(),

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace ORN_3_30 {
 
@@ -36,7 +37,7 @@ bool ElfAddressRanges::search(unsigned long long address) const {
 }
 
 ElfHelper::ElfHelper(SymMgrObjectPtr<IModuleImage> image)
-    : m_fileImage(image),
+    : m_fileImage(std::move(image)),
       m_header(),
       m_shStrTabSize(0),
       m_is64Bit(false),
@@ -53,7 +54,7 @@ ElfHelper::ElfHelper(SymMgrObjectPtr<IModuleImage> image)
       m_secondLoadAddress(0),
       m_secondLoadSize(0),
       m_firstLoadAddress(0) {
-    m_valid = ORN_ASSERT_TEXT(m_fileImage != NULL, "m_fileImage!=NULL") && readHeaders();
+    m_valid = ORN_ASSERT_TEXT(m_fileImage != nullptr, "m_fileImage!=NULL") && readHeaders();
 }
 
 ElfHelper::~ElfHelper() = default;

@@ -141,7 +141,7 @@ std::unique_ptr<unsigned char[]> ElfHelper::readTable(unsigned long long offset,
     const unsigned long long size = static_cast<unsigned long long>(count) * stride;
     if (!internal::fitsInside(offset, size, m_fileImage->getSize()))
         return nullptr;
-    auto table = internal::allocateArray<unsigned char>(size + entrySize);
+    auto table = internal::allocateArray<unsigned char>(size, entrySize);
     std::memset(table.get() + size, 0, entrySize);
     if (!ORN_ASSERT(m_fileImage->read(offset, size, table.get()) == size))
         return nullptr;

@@ -237,7 +237,7 @@ status_t ElfHelper::readSection(unsigned index, SectionBlock& out) {
     if (!isInsideFile(*header))
         return status_NoSectionData;
     SectionBlock block;
-    block.data = internal::allocateArray<unsigned char>(header->sh_size + 1);
+    block.data = internal::allocateArray<unsigned char>(header->sh_size, 1);
     block.size = header->sh_size;
     if (!ORN_ASSERT(m_fileImage->read(header->sh_offset, block.size, block.data.get()) == block.size))
         return status_NoSectionData;

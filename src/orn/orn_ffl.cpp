@@ -88,6 +88,19 @@ unsigned long long memorySizeOf(Segment* segment) {
     return segment->getMemorySize();
 }
 
+using Candidates = std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>;
+
+/// Walks a copy of its own: a list that was empty is collected again by the next caller, while this one may
+/// still be walking on another thread.
+class CandidateIterator final : public VectorIteratorWrapper<Candidates, Candidates::value_type> {
+public:
+    explicit CandidateIterator(const Candidates& candidates)
+        : VectorIteratorWrapper(&m_candidates, nullptr), m_candidates(candidates) {}
+
+private:
+    const Candidates m_candidates;
+};
+
 } // namespace
 
 // --- Section and segment
@@ -160,7 +173,6 @@ FileFormatLoader::~FileFormatLoader() {
 
 status_t
 FileFormatLoader::getSymbolFiles(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolFileToResolve>>>& out) {
-    using Candidates = std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>;
     try {
         ScopedLock guard(&m_symbolFilesLock);
         if (m_symbolFiles.empty()) {
@@ -170,8 +182,7 @@ FileFormatLoader::getSymbolFiles(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymb
                 return status;
             m_symbolFiles.swap(candidates);
         }
-        out = new VectorIteratorWrapper<Candidates, SymMgrObjectPtr<ISymbolFileToResolve>>(&m_symbolFiles,
-                                                                                           nullptr);
+        out = new CandidateIterator(m_symbolFiles);
         return status_Ok;
     }
     ORN_CATCH_OUT_OF_MEMORY
@@ -344,13 +355,8 @@ ISegment* FileFormatLoader::findSegmentByName(const char* name) {
 void FileFormatLoader::getSegments(SymMgrObjectPtr<IIterator<ISegment*>>& out) {
     using Segments = std::map<unsigned long long, Segment*>;
     using EveryOne = CFilter<Segment*, int>;
-    try {
-        ensureRead();
-        out = new MapIteratorWrapper<Segments, ISegment*, EveryOne, int>(m_segments, 0, nullptr);
-    } catch (const std::bad_alloc&) {
-        ORN_LOG_ERROR("Out of memory");
-        out = nullptr;
-    }
+    ensureRead();
+    out = new MapIteratorWrapper<Segments, ISegment*, EveryOne, int>(m_segments, 0, nullptr);
 }
 
 // --- FileFormatLoader: addresses and bytes

@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <utility>
-
 namespace ORN_3_30 {
 
 namespace {
@@ -140,7 +139,7 @@ private:
 };
 
 ElfFileLoader::ElfFileLoader(SymMgrObjectPtr<IModuleImage> image)
-    : m_elfHelper(new ElfHelper(image)), m_infoRead(false), m_oatDataSize(0) {
+    : m_elfHelper(new ElfHelper(std::move(image))), m_infoRead(false), m_oatDataSize(0) {
     readFileInfo();
     if (!m_elfHelper->isValid())
         m_status = status_BadFileFormat;
@@ -197,25 +196,21 @@ void ElfFileLoader::addSectionsAsSegments() {
     m_elfHelper->layOutBySections(walker.textAddress, walker.textSize, walker.dataAddress, walker.dataSize);
 }
 
-void ElfFileLoader::getSectionByName(SymMgrObjectPtr<ISection>& out, const char* name) try {
+void ElfFileLoader::getSectionByName(SymMgrObjectPtr<ISection>& out, const char* name) {
     out = nullptr;
     const unsigned index = m_elfHelper->findSectionByName(name);
     const Elf64_Shdr* header = m_elfHelper->getSectionHeader(index);
     if (header)
         out = new Section(this, name, header->sh_addr, header->sh_offset + m_elfHelper->getModuleOffset(),
                           header->sh_size, header->sh_type == SHT_NOBITS);
-} catch (const std::bad_alloc&) {
-    ORN_LOG_ERROR("Out of memory");
 }
 
-void ElfFileLoader::getSectionByIndex(SymMgrObjectPtr<ISection>& out, unsigned index) try {
+void ElfFileLoader::getSectionByIndex(SymMgrObjectPtr<ISection>& out, unsigned index) {
     out = nullptr;
     if (const Elf64_Shdr* header = m_elfHelper->getSectionHeader(index))
         out = new Section(this, m_elfHelper->getSectionName(index), header->sh_addr,
                           header->sh_offset + m_elfHelper->getModuleOffset(), header->sh_size,
                           hasNoBitsByFlags(*header));
-} catch (const std::bad_alloc&) {
-    ORN_LOG_ERROR("Out of memory");
 }
 
 void ElfFileLoader::addSectionEnds(ISymbolTable* sink) {

@@ -9,6 +9,8 @@
 #include "orn_relocations.h"
 #include "orn_section_data.h"
 
+#include <utility>
+
 namespace ORN_3_30 {
 
 // Quirk: on every way that goes by index the type's number is looked for among the flags; only the way by
@@ -18,8 +20,8 @@ bool hasNoBitsByFlags(const Elf64_Shdr& header) {
 }
 
 ElfFileFormatHelper::ElfFileFormatHelper(SymMgrObjectPtr<ElfHelper> elfHelper)
-    : SymMgrObject<IFileFormatHelper>(nullptr), m_elfHelper(elfHelper) {
-    ORN_ASSERT(elfHelper != NULL);
+    : SymMgrObject<IFileFormatHelper>(nullptr), m_elfHelper(std::move(elfHelper)) {
+    ORN_ASSERT_TEXT(m_elfHelper != nullptr, "elfHelper != NULL");
 }
 
 bool ElfFileFormatHelper::isCodeOrDataAddress(unsigned long long address) {
@@ -92,7 +94,7 @@ void ElfFileFormatHelper::getRelocationAddends(SymMgrObjectPtr<RelocationAddends
 ELFSegment::ELFSegment(ElfHelper* elfHelper, IFileFormatLoader* loader, const char* name,
                        unsigned long long rva, unsigned long long fileOffset, unsigned long long fileSize,
                        unsigned long long memorySize, unsigned kind)
-    : Segment(loader, name, rva, fileOffset, fileSize, memorySize, kind), m_elfHelper(elfHelper) {}
+    : Segment(loader, name, rva, fileOffset, fileSize, memorySize, kind), m_elfHelper(std::move(elfHelper)) {}
 
 // Quirk: the end of the stretch is the segment's size in the file, not its offset plus that size. A segment
 // that does not begin the file misses its last sections, or has none at all.

@@ -11,6 +11,7 @@
 #include "orn_fflelf.h"
 #include "orn_log.h"
 #include "orn_scope.h"
+#include "orn_symboltable.h"
 
 #include <cstring>
 #include <memory>
@@ -90,11 +91,14 @@ void walkTable(const ElfHelper::SymbolTableData& table, const ElfHelper& helper,
     // Quirk: the string table's own size does not make a record broken, it only ends the names.
     const ElfSymbolStrings strings{table.strings, table.stringsSize, unlimitedNames};
     internal::ElfNameBudget names(table.stringsSize, table.entriesSize / stride);
+    const internal::LongElfNames longNames(table.strings, table.stringsSize);
     ElfSymbolRecord record;
     for (unsigned long long at = 0; internal::fitsInside(at, sizeof(Sym), table.entriesSize); at += stride) {
         if (decode<Sym>(table.entries + at, strings, helper, table.bias, flags, record) != status_Ok)
             continue;
-        if (passesFilter(filter, record.address, record.size) && names.afford(record.name))
+        if (!passesFilter(filter, record.address, record.size))
+            continue;
+        if (!longNames.holds(record.name) || names.afford(record.name))
             callback(record.name, record.address, record.size, record.visibility, record.kind);
     }
 }
@@ -120,6 +124,17 @@ void SymbolCallBack::operator()(const char* name, unsigned long long address, un
     attach(*symbol, address, size);
     // The table owns the scope from here on and may have destroyed it when this returns.
     m_sink.addScopeRange(address, saturatingSum(address, size), symbol.release());
+}
+
+RegularSymbolCallBack::RegularSymbolCallBack(IFileFormatLoader& loader, ISymbolTable& sink)
+    : SymbolCallBack(loader, sink), m_loader(loader), m_table(dynamic_cast<SymbolTable*>(&sink)) {}
+
+void RegularSymbolCallBack::operator()(const char* name, unsigned long long address, unsigned long long size,
+                                       symbol_visibility_t visibility, symbol_kind_t kind) {
+    if (!m_table)
+        SymbolCallBack::operator()(name, address, size, visibility, kind);
+    else if (name && *name)
+        m_table->addPlainSymbol(m_loader, {name, visibility, kind}, address, saturatingSum(address, size));
 }
 
 void RegularSymbolCallBack::attach(SymbolScope& symbol, unsigned long long address, unsigned long long size) {
@@ -173,6 +188,9 @@ void ElfFileLoader::readTable(const ElfHelper::SymbolTableData& table, ISymbolTa
 void ElfFileLoader::readThunks(ISymbolTable* sink, LoadFilter* filter) {
     if (m_elfHelper->getPltIndex() == ElfHelper::noSection)
         return;
+    // Every record holds a reference to the string table's data, whose count nothing else guards; another
+    // bank of this module may be here at the same time.
+    ScopedLock guard(m_elfHelper->getFillLock());
     SymMgrObjectPtr<RelocationAddends> addends;
     m_elfHelper->getRelocationAddends(addends, m_elfHelper->getPltIndex());
     SymMgrObjectPtr<ISection> section;

@@ -13,6 +13,7 @@ namespace ORN_3_30 {
 class IFileFormatLoader;
 class LoadFilter;
 class SymbolScope;
+class SymbolTable;
 
 /// A symbol table entry that is worth a symbol. The name lies in the string table.
 struct ElfSymbolRecord {
@@ -69,13 +70,21 @@ private:
     ISymbolTable& m_sink;
 };
 
-/// The symbol covers its bytes.
+/// The symbol covers its bytes. The library's own table takes it as it is and makes the scope when somebody
+/// asks for it, so the name has to outlive the table: it lies in a string table that lives with the loader.
 class RegularSymbolCallBack final : public SymbolCallBack {
 public:
-    using SymbolCallBack::SymbolCallBack;
+    RegularSymbolCallBack(IFileFormatLoader& loader, ISymbolTable& sink);
+
+    void operator()(const char* name, unsigned long long address, unsigned long long size,
+                    symbol_visibility_t visibility, symbol_kind_t kind) override;
 
 protected:
     void attach(SymbolScope& symbol, unsigned long long address, unsigned long long size) override;
+
+private:
+    IFileFormatLoader& m_loader;
+    SymbolTable* m_table; ///< null if the sink is somebody else's
 };
 
 /// The bytes are a thunk of the symbol, which itself lies elsewhere.

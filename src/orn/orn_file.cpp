@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <new>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -110,7 +109,7 @@ file_op_status_t fileStatusFromErrno(int error) noexcept {
 
 // LinuxFile
 
-LinuxFile* LinuxFile::open(const char* path, int flags, file_op_status_t& status) noexcept {
+LinuxFile* LinuxFile::open(const char* path, int flags, file_op_status_t& status) {
     if (isNullOrEmpty(path)) {
         status = fosInvalidArgument;
         return nullptr;
@@ -120,11 +119,7 @@ LinuxFile* LinuxFile::open(const char* path, int flags, file_op_status_t& status
         status = fileStatusFromErrno(errno);
         return nullptr;
     }
-    auto* file = new (std::nothrow) LinuxFile(descriptor.get());
-    if (!file) {
-        status = fosOutOfMemory;
-        return nullptr;
-    }
+    auto* file = new LinuxFile(descriptor.get());
     descriptor.release();
     status = fosOK;
     return file;

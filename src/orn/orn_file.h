@@ -23,7 +23,7 @@ public:
 
     /// Opens `path` with the flags of open(2); the descriptor never leaks into a child process. Null on
     /// failure. A null or empty path is refused without a system call.
-    static LinuxFile* open(const char* path, int flags, file_op_status_t& status) noexcept;
+    static LinuxFile* open(const char* path, int flags, file_op_status_t& status);
 
     std::int64_t tell() override;
     std::int64_t seek(std::int64_t offset) override;

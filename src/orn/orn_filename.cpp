@@ -263,9 +263,7 @@ void UnixFilenameParser::makeAbsolute(std::string& out, const std::string& path,
 // FileName
 
 FileName::FileName(const std::string& text, const IFilenameParser* parser, path_style_t style)
-    : m_text(text),
-      m_parser(parser ? parser : &parserOfStyle(style, text)),
-      m_style(m_parser->style()) {}
+    : m_text(text), m_parser(parser ? parser : &parserOfStyle(style, text)), m_style(m_parser->style()) {}
 
 // Free functions
 

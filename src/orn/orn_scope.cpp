@@ -26,6 +26,7 @@ bool LoadFilter::passes(unsigned long long low, unsigned long long high) const {
 
 Scope::Scope(IFileFormatLoader* loader, Scope* parent, ILock* lock)
     : SymMgrObject<IScope>(lock),
+      m_extras(nullptr),
       m_parent(parent),
       m_loader(loader),
       m_loadedKinds(symbol_kind_none),
@@ -35,6 +36,7 @@ Scope::Scope(IFileFormatLoader* loader, Scope* parent, ILock* lock)
 
 Scope::~Scope() {
     releaseContent();
+    delete m_extras.load(std::memory_order_relaxed);
     while (RangeNode* node = m_rangeList.m_head) {
         m_rangeList.m_head = node->next;
         freeRangeNode(node);
@@ -42,27 +44,35 @@ Scope::~Scope() {
 }
 
 void Scope::releaseContent() {
-    if (!m_extras)
+    Extras* mine = m_extras.load(std::memory_order_acquire);
+    if (!mine)
         return;
-    m_extras->m_symbolTable = nullptr;
-    m_extras->m_thunks.clear();
+    if (ISymbolTable* table = mine->m_symbolTable.exchange(nullptr))
+        table->release();
+    mine->m_thunks.clear();
 }
 
 Scope::Extras& Scope::extras() {
-    if (!m_extras)
-        m_extras = std::make_unique<Extras>();
-    return *m_extras;
-}
-
-ILock* Scope::tableLock() {
-    return &extras().m_lock;
+    Extras* mine = m_extras.load(std::memory_order_acquire);
+    if (!mine) {
+        auto made = std::make_unique<Extras>();
+        if (m_extras.compare_exchange_strong(mine, made.get(), std::memory_order_acq_rel))
+            mine = made.release();
+    }
+    return *mine;
 }
 
 ISymbolTable* Scope::symbolTable() {
     Extras& mine = extras();
-    if (!mine.m_symbolTable)
-        mine.m_symbolTable = new SymbolTable(this, &mine.m_lock);
-    return mine.m_symbolTable;
+    ISymbolTable* table = mine.m_symbolTable.load(std::memory_order_acquire);
+    if (!table) {
+        SymMgrObjectPtr<ISymbolTable> made = new SymbolTable(this, &mine.m_lock);
+        if (mine.m_symbolTable.compare_exchange_strong(table, made.get(), std::memory_order_acq_rel)) {
+            table = made;
+            table->addRef(); // the scope's reference
+        }
+    }
+    return table;
 }
 
 Scope::Thunks* Scope::thunks() {
@@ -77,7 +87,7 @@ Scope::Thunks* Scope::thunks() {
 status_t Scope::symbolRanges(SymMgrObjectPtr<RangeIterator>& out, unsigned long long low,
                              unsigned long long high, symbol_kind_t mask) {
     if (mask == symbol_kind_none)
-        mask = m_loadedKinds;
+        mask = loadedKinds();
     status_t status = load(mask);
     if (status != status_Ok)
         return status;
@@ -106,15 +116,16 @@ status_t Scope::nonOverlappedSymbolRanges(SymMgrObjectPtr<RangeIterator>& out, u
 
 // Quirk: a failed load counts as done. Later queries see whatever the table holds.
 status_t Scope::load(symbol_kind_t mask) {
-    symbol_kind_t missing = mask & ~m_loadedKinds;
+    symbol_kind_t missing = mask & ~loadedKinds();
     if (missing == symbol_kind_none)
         return status_Ok;
+    auto noteAsLoaded = [&] { m_loadedKinds.store(loadedKinds() | missing, std::memory_order_relaxed); };
     try {
         status_t status = loadContent(missing);
-        m_loadedKinds |= missing;
+        noteAsLoaded();
         return status;
     } catch (...) {
-        m_loadedKinds |= missing;
+        noteAsLoaded();
         throw;
     }
 }
@@ -355,7 +366,7 @@ GlobalScope::GlobalScope(IFileFormatLoader* fileLoader, IDebugInfoLoader* debugL
       m_debugLoader(debugLoader),
       m_loadFilter(&m_interestingAddresses) {
     if (m_debugLoader)
-        m_lineResolver = m_debugLoader->getLineResolver(this, tableLock());
+        m_lineResolver = m_debugLoader->getLineResolver(this, &m_loadLock);
 }
 
 /// Here, and not in the members' own destructors: tables and resolvers are guarded by locks of this scope.
@@ -377,7 +388,7 @@ status_t GlobalScope::loadContent(symbol_kind_t mask) {
     status_t fileStatus = status_Ok;
     if (mask != symbol_kind_none) {
         if (m_debugLoader)
-            debugStatus = m_debugLoader->loadSymbols(symbolTable(), &m_loadFilter, mask, m_lineResolver);
+            debugStatus = loadDebugSymbols(mask);
         fileStatus = m_fileLoader->readSymbols(symbolTable(), &m_loadFilter, mask);
     }
     if (isFailure(fileStatus))
@@ -387,30 +398,41 @@ status_t GlobalScope::loadContent(symbol_kind_t mask) {
     return fileStatus != status_Ok ? debugStatus : status_Ok;
 }
 
+/// Debug information that does not fit into memory leaves the format's own symbols to be read.
+status_t GlobalScope::loadDebugSymbols(symbol_kind_t mask) {
+    try {
+        return m_debugLoader->loadSymbols(symbolTable(), &m_loadFilter, mask, m_lineResolver);
+    }
+    ORN_CATCH_OUT_OF_MEMORY
+}
+
 void GlobalScope::addInterestingAddress(unsigned long long address) {
     // Outside the lock: the resolver may take locks of its own.
     if (m_lineResolver)
         m_lineResolver->noteAddress(address);
     ScopedLock guard(&m_loadLock);
     forgetLoadedKinds();
+    ScopedLock rangesGuard(&m_rangesLock);
     m_interestingAddresses.insert(address);
 }
 
 // Quirk: the ranges are found once; addresses that are noted later do not change them.
 void GlobalScope::interestingRanges(SymMgrObjectPtr<RangeFilter>& out) {
+    std::set<unsigned long long> addresses;
     {
         ScopedLock guard(&m_rangesLock);
         out = m_rangesCache;
+        if (out || m_interestingAddresses.empty())
+            return;
+        addresses = m_interestingAddresses;
     }
-    if (out || m_interestingAddresses.empty())
-        return;
     symbol_kind_t kinds = loadedKinds();
     if (kinds == symbol_kind_none) {
         kinds = symbol_kind_code;
         static_cast<void>(load(kinds));
     }
     out = new RangeFilter(&m_rangesLock);
-    for (unsigned long long address : m_interestingAddresses)
+    for (unsigned long long address : addresses)
         addRangesAround(address, kinds, *out);
     ScopedLock guard(&m_rangesLock);
     m_rangesCache = out;

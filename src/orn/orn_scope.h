@@ -93,7 +93,7 @@ public:
     virtual ISymbol* symbolObject() { return nullptr; }
     virtual status_t load(symbol_kind_t mask);
     virtual status_t loadContent(symbol_kind_t mask) = 0;
-    /// Made at first use, without locking.
+    /// Made at first use, without locking: of two threads that come first one gives its table up.
     virtual ISymbolTable* symbolTable();
     /// Made at first use like the table.
     virtual Thunks* thunks();
@@ -112,7 +112,10 @@ public:
     void thunkAt(unsigned long long address, SymMgrObjectPtr<IThunk>& out);
 
     Scope* parentScope() const { return m_parent; }
-    bool hasThunks() const { return m_extras && !m_extras->m_thunks.empty(); }
+    bool hasThunks() const {
+        const Extras* mine = m_extras.load(std::memory_order_acquire);
+        return mine && !mine->m_thunks.empty();
+    }
     /// A table has taken the scope for good; a scope enters one table once.
     bool isOwnedByTable() const { return m_ownedByTable; }
     void setOwnedByTable() { m_ownedByTable = true; }
@@ -123,19 +126,17 @@ protected:
     void setToldByName() { m_toldByName = true; }
     /// Leaves the head alone in the list, ending at `high`.
     void collapseRanges(unsigned long long high);
-    symbol_kind_t loadedKinds() const { return m_loadedKinds; }
-    void forgetLoadedKinds() { m_loadedKinds = symbol_kind_none; }
-    /// The lock of the count of the scope's table.
-    ILock* tableLock();
+    symbol_kind_t loadedKinds() const { return m_loadedKinds.load(std::memory_order_relaxed); }
+    void forgetLoadedKinds() { m_loadedKinds.store(symbol_kind_none, std::memory_order_relaxed); }
     /// Releases table and thunks while the lock of the table still lives.
     void releaseContent();
 
 private:
     /// What most scopes never need. A module has one scope per symbol, so every byte in Scope itself counts.
     struct Extras {
-        OrnLock m_lock;  ///< guards the count of the table; declared first, it dies last
-        Thunks m_thunks; ///< in order of arrival
-        SymMgrObjectPtr<ISymbolTable> m_symbolTable;
+        OrnLock m_lock;                                    ///< guards the count of the table
+        Thunks m_thunks;                                   ///< in order of arrival
+        std::atomic<ISymbolTable*> m_symbolTable{nullptr}; ///< holds a reference
     };
 
     Extras& extras();
@@ -148,11 +149,11 @@ private:
     void absorbFollowing(RangeNode* node);
 
     RangeList m_rangeList;
-    RangeNode m_firstNode; ///< room for one node: nearly every scope has exactly one range
-    std::unique_ptr<Extras> m_extras;
-    Scope* m_parent;             ///< borrowed
-    IFileFormatLoader* m_loader; ///< borrowed
-    symbol_kind_t m_loadedKinds;
+    RangeNode m_firstNode;         ///< room for one node: nearly every scope has exactly one range
+    std::atomic<Extras*> m_extras; ///< owned; null until needed
+    Scope* m_parent;               ///< borrowed
+    IFileFormatLoader* m_loader;   ///< borrowed
+    std::atomic<symbol_kind_t> m_loadedKinds;
     bool m_firstNodeTaken;
     bool m_ownedByTable;
     bool m_toldByName;
@@ -193,14 +194,16 @@ public:
     void interestingRanges(SymMgrObjectPtr<RangeFilter>& out);
 
 private:
+    status_t loadDebugSymbols(symbol_kind_t mask);
     void addRangesAround(unsigned long long address, symbol_kind_t kinds, RangeFilter& ranges);
 
-    IFileFormatLoader* m_fileLoader;                     ///< borrowed
-    IDebugInfoLoader* m_debugLoader;                     ///< borrowed; may be null
-    std::set<unsigned long long> m_interestingAddresses; ///< pseudo addresses
+    IFileFormatLoader* m_fileLoader; ///< borrowed
+    IDebugInfoLoader* m_debugLoader; ///< borrowed; may be null
+    /// Pseudo addresses. Written under both locks below, so that either of them is enough to read.
+    std::set<unsigned long long> m_interestingAddresses;
     LoadFilter m_loadFilter;
     OrnLock m_loadLock;
-    OrnLock m_rangesLock; ///< guards m_rangesCache and the filter's count; nothing is called under it
+    OrnLock m_rangesLock; ///< guards m_rangesCache, the filter's count too; nothing is called under it
     SymMgrObjectPtr<RangeFilter> m_rangesCache;
     SymMgrObjectPtr<ISrcLineResolver> m_lineResolver;
 };

@@ -269,6 +269,9 @@ status_t SymbolManager::ensureFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& o
             return status;
         if (out)
             registerFFL(identity, out);
+        // The count of an image is not guarded. It has to be the loader's alone before another thread can
+        // find the loader.
+        image = nullptr;
     }
     return out ? status_Ok : status_BadFileFormat;
 }

@@ -54,11 +54,12 @@ public:
                                      SymMgrObjectPtr<IModuleSymbolBank>& out, arch_t arch, unsigned flags,
                                      const char* kernelName) override;
 
-    /// The load step, which is the path of every load. Lets `std::bad_alloc` through.
+    /// The load step, which is the path of every load. Lets `std::bad_alloc` through. `image` is handed over:
+    /// it may be null afterwards.
     status_t loadSymbolsFromModule(SymMgrObjectPtr<IModuleSymbolBank>& out,
                                    SymMgrObjectPtr<IModuleImage>& image, ISymbolFileResolver* resolver,
                                    unsigned flags, const char* kernelName);
-    /// The format loader of an image; with `noCache` a fresh one that is not registered.
+    /// The format loader of an image, which takes it over; with `noCache` a fresh one that is not registered.
     status_t getFileLoader(SymMgrObjectPtr<IFileFormatLoader>& out, SymMgrObjectPtr<IModuleImage>& image,
                            bool noCache, const char* kernelName);
 

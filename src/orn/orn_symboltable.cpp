@@ -9,8 +9,12 @@
 #include "orn_symboltable_iterators.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <functional>
+#include <memory>
 #include <new>
+#include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -45,46 +49,130 @@ std::uint32_t hashOfName(Scope& scope) {
     return static_cast<std::uint32_t>(std::hash<std::string_view>()(symbol->rawName())) | 1;
 }
 
+/// Never 0.
+std::uint32_t hashOfName(const char* name) {
+    return static_cast<std::uint32_t>(std::hash<std::string_view>()(name)) | 1;
+}
+
 /// Whether the entry's scope is told by its name and has another one than the hash says.
 bool hasOtherName(CellEntry& entry, std::uint32_t nameHash) {
-    if (entry.nameHash == 0 && entry.scope->isToldByName())
-        entry.nameHash = hashOfName(*entry.scope);
+    if (entry.nameHash == 0) {
+        if (entry.isPlain())
+            entry.nameHash = hashOfName(entry.name);
+        else if (entry.scope->isToldByName())
+            entry.nameHash = hashOfName(*entry.scope);
+    }
     return entry.nameHash != 0 && entry.nameHash != nameHash;
 }
 
-/// Whether a candidate takes an address from the best one so far; both cover it.
-bool beats(const CellEntry& candidate, const CellEntry& best, unsigned long long address) {
-    ISymbol& candidateSymbol = *candidate.scope->symbol();
-    ISymbol& bestSymbol = *best.scope->symbol();
-    auto hasDebugDetail = [](ISymbol& symbol) {
+/// Null until somebody has asked for the scope of a plain symbol; queries may make it at any moment.
+Scope* madeScope(CellEntry& entry) {
+    return std::atomic_ref<Scope*>(entry.scope).load(std::memory_order_acquire);
+}
+
+/// What the ranking asks of a symbol. A plain one is told by its entry, without a look at its scope.
+class Contender {
+public:
+    explicit Contender(CellEntry& entry)
+        : m_entry(&entry), m_symbol(entry.isPlain() ? nullptr : entry.scope->symbol()) {}
+
+    bool hasSymbol() const { return m_entry->isPlain() || m_symbol; }
+    symbol_kind_t kind() const {
+        return m_symbol ? m_symbol->kind() : static_cast<symbol_kind_t>(m_entry->kind);
+    }
+    CellEntry* entry() const { return m_entry; }
+
+    /// Whether this one takes an address from the best one so far; both cover it.
+    bool beats(const Contender& best, unsigned long long address) const {
+        if (hasDebugDetail() != best.hasDebugDetail())
+            return hasDebugDetail();
+        const unsigned rank = symbolPriorityByKind(kind());
+        const unsigned bestRank = symbolPriorityByKind(best.kind());
+        if (rank != bestRank)
+            return rank < bestRank;
+        if (visibility() != best.visibility())
+            return visibility() > best.visibility();
+        // The inner symbol wins, but inlined code never displaces what is not inlined.
+        return m_entry->start > best.m_entry->start && m_entry->start <= address &&
+               !(isInlined() && !best.isInlined());
+    }
+
+private:
+    symbol_visibility_t visibility() const {
+        return m_symbol ? m_symbol->visibility() : static_cast<symbol_visibility_t>(m_entry->visibility);
+    }
+    bool hasDebugDetail() const {
         ICompUnitDetails* details = nullptr;
-        return symbol.compUnitDetails(details) == status_Ok && details;
-    };
-    bool candidateHasDetail = hasDebugDetail(candidateSymbol);
-    if (candidateHasDetail != hasDebugDetail(bestSymbol))
-        return candidateHasDetail;
-    unsigned candidateRank = symbolPriorityByKind(candidate.kind);
-    unsigned bestRank = symbolPriorityByKind(best.kind);
-    if (candidateRank != bestRank)
-        return candidateRank < bestRank;
-    symbol_visibility_t candidateVisibility = candidateSymbol.visibility();
-    symbol_visibility_t bestVisibility = bestSymbol.visibility();
-    if (candidateVisibility != bestVisibility)
-        return candidateVisibility > bestVisibility;
-    // The inner symbol wins, but inlined code never displaces what is not inlined.
-    return candidate.start > best.start && candidate.start <= address &&
-           !(candidate.scope->inlineInstance() && !best.scope->inlineInstance());
+        return m_symbol && m_symbol->compUnitDetails(details) == status_Ok && details;
+    }
+    bool isInlined() const { return m_symbol && m_entry->scope->inlineInstance(); }
+
+    CellEntry* m_entry;
+    ISymbol* m_symbol; ///< null for a plain symbol
+};
+
+/// Guards the making of scopes of plain symbols, by queries of any thread on any table: short and rare. Never
+/// destroyed, for a client may ask in a static destructor.
+ILock* makeScopeLock() {
+    static OrnLock* const lock = new OrnLock;
+    return lock;
 }
 
 } // namespace
 
+/// Who asks to enter the table: a scope with one of its intervals, or a plain symbol. The scope of a plain
+/// one is made only if an entry has to compare itself with it, and goes with the newcomer: should it be asked
+/// for, it is made again. An entry that held it could be left behind by an allocation that fails.
+class SymbolTable::Newcomer {
+public:
+    Newcomer(unsigned long long start, unsigned long long end, Scope* scope)
+        : start(start), end(end), m_scope(scope), m_plain(nullptr), m_loader(nullptr), m_parent(nullptr) {}
+    Newcomer(unsigned long long start, unsigned long long end, const PlainSymbol& plain,
+             IFileFormatLoader& loader, Scope* parent)
+        : start(start), end(end), m_scope(nullptr), m_plain(&plain), m_loader(&loader), m_parent(parent) {}
+
+    const unsigned long long start;
+    const unsigned long long end;
+
+    const PlainSymbol* plain() const { return m_plain; }
+    /// The scope for the entry to hold; null for a plain symbol.
+    Scope* lastingScope() const { return m_scope; }
+    Scope* scope() {
+        if (m_scope)
+            return m_scope;
+        if (!m_made)
+            m_made.reset(newPlainScope(*m_loader, m_parent, *m_plain, start, end));
+        return m_made.get();
+    }
+    std::uint32_t nameHash() const { return m_plain ? hashOfName(m_plain->name) : hashOfName(*m_scope); }
+
+    /// The rule of plain symbols, without their scopes.
+    bool isSameAs(const CellEntry& entry) const {
+        const bool isEmptyAlone = !entry.isEmpty() && start == end;
+        return (isEmptyAlone || entry.end == end) && std::strcmp(entry.name, m_plain->name) == 0;
+    }
+
+private:
+    Scope* m_scope;
+    const PlainSymbol* m_plain;
+    IFileFormatLoader* m_loader;
+    Scope* m_parent;
+    std::unique_ptr<Scope> m_made;
+};
+
 ISymbolTable* ISymbolTable::create(Scope* scope) {
-    return new SymbolTable(scope, nullptr);
+    try {
+        return new SymbolTable(scope, nullptr);
+    } catch (const std::bad_alloc&) {
+        ORN_LOG_ERROR("Out of memory");
+        return nullptr;
+    }
 }
 
 SymbolTable::SymbolTable(Scope* scope, ILock* lock)
     : SymMgrObject<ISymbolTable>(lock),
       m_scope(scope),
+      m_plainLoader(nullptr),
       m_entryCount(0),
       m_furtherListings(0),
       m_isOrdered(true),
@@ -111,7 +199,9 @@ int SymbolTable::takeScope(Scope* scope, const Add& add) {
     if (add())
         return 1;
     if (!wasOwned) {
-        m_scopes.pop_back();
+        // Not the last one any more if scopes of plain symbols were made on the way.
+        auto behind = std::find(m_scopes.rbegin(), m_scopes.rend(), scope).base();
+        m_scopes.erase(std::prev(behind));
         delete scope;
     }
     return 0;
@@ -133,6 +223,46 @@ int SymbolTable::addScopeRange(unsigned long long low, unsigned long long high, 
         return 0;
     }
     return takeScope(scope, [&] { return addEntry(low, high, scope)->scope == scope; });
+}
+
+void SymbolTable::addPlainSymbol(IFileFormatLoader& loader, const PlainSymbol& symbol, unsigned long long low,
+                                 unsigned long long high) {
+    // One loader is remembered for all plain symbols; a scope carries its own.
+    if (m_plainLoader && m_plainLoader != &loader) {
+        addScopeRange(low, high, newPlainScope(loader, m_scope, symbol, low, high));
+        return;
+    }
+    m_plainLoader = &loader;
+    Newcomer newcomer(low, high, symbol, loader, m_scope);
+    addEntry(newcomer);
+}
+
+SymbolScope* SymbolTable::newPlainScope(IFileFormatLoader& loader, Scope* parent, const PlainSymbol& symbol,
+                                        unsigned long long low, unsigned long long high) {
+    std::unique_ptr<SymbolScope> scope(
+        createSymbolScope(loader, symbol.name, low, parent, symbol.visibility, symbol.kind));
+    scope->addRange(low, high);
+    return scope.release();
+}
+
+/// The scope of an entry; that of a plain symbol is made when it is asked for first.
+Scope* SymbolTable::scopeOf(CellEntry& entry) {
+    Scope* scope = madeScope(entry);
+    return scope ? scope : makeScope(entry);
+}
+
+Scope* SymbolTable::makeScope(CellEntry& entry) {
+    ScopedLock guard(makeScopeLock());
+    if (Scope* scope = madeScope(entry))
+        return scope;
+    const PlainSymbol symbol{entry.name, static_cast<symbol_visibility_t>(entry.visibility),
+                             static_cast<symbol_kind_t>(entry.kind)};
+    std::unique_ptr<SymbolScope> scope(
+        newPlainScope(*m_plainLoader, m_scope, symbol, entry.start, entry.end));
+    m_scopes.push_back(scope.get());
+    scope->setOwnedByTable();
+    std::atomic_ref<Scope*>(entry.scope).store(scope.get(), std::memory_order_release);
+    return scope.release();
 }
 
 /// `survivor` is the scope that the ranges now belong to: this one if any range was entered for it, else the
@@ -179,13 +309,21 @@ void SymbolTable::addThunkEntry(Scope* scope, IThunk* held, bool& added, Scope* 
 /// Enters [start, end) of a scope and gives the entry that stands for it: a new one, or one which turned out
 /// to be the same thing.
 CellEntry* SymbolTable::addEntry(unsigned long long start, unsigned long long end, Scope* scope) {
+    Newcomer newcomer(start, end, scope);
+    CellEntry* entry = addEntry(newcomer);
+    scopeOf(*entry); // callers look at it
+    return entry;
+}
+
+CellEntry* SymbolTable::addEntry(Newcomer& newcomer) {
+    const unsigned long long start = newcomer.start;
     Position cell = m_cells.lowerBound(start);
     bool isNewKey = cell == m_cells.end() || m_cells.at(cell).key != start;
     if (!isNewKey) {
-        if (CellEntry* settled = settleWithExisting(cell, end, scope))
+        if (CellEntry* settled = settleWithExisting(cell, newcomer))
             return settled;
     }
-    CellEntry* entry = newEntry(start, end, scope);
+    CellEntry* entry = newEntry(newcomer);
     ++m_changeStamp;
     if (isNewKey)
         cell = addCell(cell, start, entry);
@@ -197,39 +335,46 @@ CellEntry* SymbolTable::addEntry(unsigned long long start, unsigned long long en
 
 /// Asks the entries that start where the newcomer starts. Null: none of them is the same thing. Some modules
 /// have thousands of names for one address: then hashes spare the comparisons that would give nothing.
-CellEntry* SymbolTable::settleWithExisting(Position cell, unsigned long long end, Scope* scope) {
+CellEntry* SymbolTable::settleWithExisting(Position cell, Newcomer& newcomer) {
     const Cell& holder = m_cells.at(cell);
     unsigned long long nextKey = 0;
     Scope* nextScope = nullptr;
     bool isNeighbourKnown = false;
-    std::uint32_t nameHash = holder.list.size() > crowdedList ? hashOfName(*scope) : 0;
+    std::uint32_t nameHash = holder.list.size() > crowdedList ? newcomer.nameHash() : 0;
     for (CellEntry* entry : holder.list) {
         if (entry->start != holder.key || (nameHash != 0 && hasOtherName(*entry, nameHash)))
             continue;
+        if (newcomer.plain() && entry->isPlain() && !madeScope(*entry)) {
+            if (newcomer.isSameAs(*entry))
+                return entry;
+            continue;
+        }
         if (!isNeighbourKnown)
             findNeighbour(cell, nextKey, nextScope);
         isNeighbourKnown = true;
-        unsigned bits = entry->scope->compare(scope, nextKey, nextScope);
+        unsigned bits = scopeOf(*entry)->compare(newcomer.scope(), nextKey, nextScope);
         if (bits == scopeMatch_Same)
             return entry;
         if (bits != scopeMatch_None)
-            return mergeInto(entry, end, scope, bits);
+            return mergeInto(entry, newcomer.end, newcomer.scope(), bits);
     }
     return nullptr;
 }
 
 /// The next cell, and the last listed scope that starts there.
-void SymbolTable::findNeighbour(Position cell, unsigned long long& nextKey, Scope*& nextScope) const {
+void SymbolTable::findNeighbour(Position cell, unsigned long long& nextKey, Scope*& nextScope) {
     nextKey = ~0ULL;
     nextScope = nullptr;
     Position next = m_cells.next(cell);
     if (next == m_cells.end())
         return;
     nextKey = m_cells.at(next).key;
-    for (const CellEntry* entry : m_cells.at(next).list) {
+    CellEntry* last = nullptr;
+    for (CellEntry* entry : m_cells.at(next).list) {
         if (entry->start == nextKey)
-            nextScope = entry->scope;
+            last = entry;
     }
+    nextScope = last ? scopeOf(*last) : nullptr;
 }
 
 /// Lets an entry take the newcomer over, as the bits of compare() say.
@@ -255,10 +400,14 @@ CellEntry* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scop
 
 // --- Cells and their lists
 
-CellEntry* SymbolTable::newEntry(unsigned long long start, unsigned long long end, Scope* scope) {
+CellEntry* SymbolTable::newEntry(const Newcomer& newcomer) {
     CellEntry* entry = m_entryPool.allocate();
-    ISymbol* symbol = scope->symbol();
-    *entry = {start, end, scope, 0, symbol ? symbol->kind() : symbol_kind_none};
+    *entry = {newcomer.start, newcomer.end, newcomer.lastingScope(), nullptr, 0, 0, 0};
+    if (const PlainSymbol* plain = newcomer.plain()) {
+        entry->name = plain->name;
+        entry->kind = static_cast<std::uint8_t>(plain->kind);
+        entry->visibility = static_cast<std::uint8_t>(plain->visibility);
+    }
     ++m_entryCount;
     return entry;
 }
@@ -410,39 +559,35 @@ void SymbolTable::symbolRangeByAddress(SymMgrObjectPtr<ISymbolRange>& out, unsig
     Position cell = cellHolding(address);
     if (cell == m_cells.end())
         return;
-    if (const CellEntry* entry = choose(cell, address, mask, selector))
-        out = new SymbolRange(entry->start, entry->end, entry->scope, nullptr);
+    if (CellEntry* entry = choose(cell, address, mask, selector))
+        out = new SymbolRange(entry->start, entry->end, scopeOf(*entry), nullptr);
 }
 
-const CellEntry* SymbolTable::choose(Position cell, unsigned long long address, symbol_kind_t mask,
-                                     ISymbolSelector* selector) {
+CellEntry* SymbolTable::choose(Position cell, unsigned long long address, symbol_kind_t mask,
+                               ISymbolSelector* selector) {
     return selector ? selected(cell, address, mask, *selector) : winner(m_cells.at(cell), address, mask);
 }
 
-bool SymbolTable::isOfKind(const CellEntry& entry, symbol_kind_t mask) {
-    return (entry.kind & mask) != symbol_kind_none;
-}
-
 /// The default rule.
-const CellEntry* SymbolTable::winner(const Cell& cell, unsigned long long address, symbol_kind_t mask) {
-    const CellEntry* best = nullptr;
-    for (const CellEntry* entry : cell.list) {
+CellEntry* SymbolTable::winner(const Cell& cell, unsigned long long address, symbol_kind_t mask) {
+    std::optional<Contender> best;
+    for (CellEntry* entry : cell.list) {
         if (!covers(*entry, address))
             continue;
-        if (entry->kind == symbol_kind_none) {
-            ISymbol* symbol = entry->scope->symbol();
-            if (!ORN_ASSERT(symbol != NULL))
-                break;
-        }
-        if (isOfKind(*entry, mask) && (!best || beats(*entry, *best, address)))
-            best = entry;
+        const Contender contender(*entry);
+        if (!ORN_ASSERT_TEXT(contender.hasSymbol(), "symbol != NULL"))
+            break;
+        if ((contender.kind() & mask) == symbol_kind_none)
+            continue;
+        if (!best || contender.beats(*best, address))
+            best = contender;
     }
-    return best;
+    return best ? best->entry() : nullptr;
 }
 
 /// The selector may run queries of its own, and these may load: the cell is looked up again behind the call.
-const CellEntry* SymbolTable::selected(Position cell, unsigned long long address, symbol_kind_t mask,
-                                       ISymbolSelector& selector) {
+CellEntry* SymbolTable::selected(Position cell, unsigned long long address, symbol_kind_t mask,
+                                 ISymbolSelector& selector) {
     unsigned long long key = m_cells.at(cell).key;
     SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbol>>> candidates =
         new SymbolByAddrIterator(this, key, address, mask);
@@ -454,8 +599,9 @@ const CellEntry* SymbolTable::selected(Position cell, unsigned long long address
     cell = m_cells.find(key);
     if (!chosen || cell == m_cells.end())
         return nullptr;
-    for (const CellEntry* entry : m_cells.at(cell).list) {
-        if (entry->scope->symbol() == chosen.get())
+    for (CellEntry* entry : m_cells.at(cell).list) {
+        Scope* scope = madeScope(*entry); // a chosen symbol has one
+        if (scope && scope->symbol() == chosen.get())
             return entry;
     }
     return nullptr;

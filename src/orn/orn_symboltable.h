@@ -9,6 +9,13 @@
 
 namespace ORN_3_30 {
 
+/// A symbol as a format's own symbol table tells it.
+struct PlainSymbol {
+    const char* name; ///< not empty; outlives the table
+    symbol_visibility_t visibility;
+    symbol_kind_t kind;
+};
+
 /// Finds an entry in a cell's list.
 class ISymbolTableListItemComparer {
 public:
@@ -48,10 +55,6 @@ private:
 ///
 /// The cell where an entry starts is its owner. An entry that loses its place there, which happens only where
 /// scopes are folded, keeps its memory until the table dies: other cells may still list it.
-///
-/// A scope has its symbol when it comes, and the kind of a symbol does not change any more. So the kind
-/// stands in the entry, and a lookup that finds one candidate touches neither scope nor symbol, which lie
-/// anywhere in memory.
 class SymbolTable : public SymMgrObject<ISymbolTable> {
 public:
     using RangeIteratorPtr = SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>>;
@@ -70,6 +73,11 @@ public:
                                    symbol_kind_t mask, ISymbolSelector* selector) override;
     Scope* scope() override { return m_scope; }
 
+    /// Does what making a symbol scope with the one range [low, high) and handing it to addScopeRange() does,
+    /// but makes the scope when somebody asks for it. `loader` is that of the table's module.
+    void addPlainSymbol(IFileFormatLoader& loader, const PlainSymbol& symbol, unsigned long long low,
+                        unsigned long long high);
+
 private:
     friend class SymbolByAddrIterator;
     friend class SymbolRangesIterator;
@@ -77,10 +85,13 @@ private:
 
     using Position = CellIndex::Position;
 
+    class Newcomer;
+
     // Adding.
     CellEntry* addEntry(unsigned long long start, unsigned long long end, Scope* scope);
-    CellEntry* settleWithExisting(Position cell, unsigned long long end, Scope* scope);
-    void findNeighbour(Position cell, unsigned long long& nextKey, Scope*& nextScope) const;
+    CellEntry* addEntry(Newcomer& newcomer);
+    CellEntry* settleWithExisting(Position cell, Newcomer& newcomer);
+    void findNeighbour(Position cell, unsigned long long& nextKey, Scope*& nextScope);
     CellEntry* mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits);
     void addScopeRanges(Scope* scope, bool& added, Scope*& survivor);
     void addScopeThunks(Scope* scope, bool& added, Scope* target);
@@ -98,25 +109,31 @@ private:
                                   const ISymbolTableListItemComparer& comparer);
     void removeFurtherRanges(Scope* scope);
     Position removeMatching(Position cell, const ISymbolTableListItemComparer& comparer);
-    CellEntry* newEntry(unsigned long long start, unsigned long long end, Scope* scope);
+    CellEntry* newEntry(const Newcomer& newcomer);
     void list(Cell& cell, CellEntry* entry);
     void listInFurtherCell(Cell& cell, std::size_t place, CellEntry* entry);
     std::size_t placeIn(const CellList& list, unsigned long long end) const;
+
+    // Scopes of plain symbols.
+    Scope* scopeOf(CellEntry& entry);
+    Scope* makeScope(CellEntry& entry);
+    static SymbolScope* newPlainScope(IFileFormatLoader& loader, Scope* parent, const PlainSymbol& symbol,
+                                      unsigned long long low, unsigned long long high);
 
     // Queries.
     Position cellHolding(unsigned long long address) const;
     Position firstCellOf(unsigned long long low) const;
     static bool covers(const CellEntry& entry, unsigned long long address);
-    const CellEntry* choose(Position cell, unsigned long long address, symbol_kind_t mask,
-                            ISymbolSelector* selector);
-    static bool isOfKind(const CellEntry& entry, symbol_kind_t mask);
-    static const CellEntry* winner(const Cell& cell, unsigned long long address, symbol_kind_t mask);
-    const CellEntry* selected(Position cell, unsigned long long address, symbol_kind_t mask,
-                              ISymbolSelector& selector);
+    CellEntry* choose(Position cell, unsigned long long address, symbol_kind_t mask,
+                      ISymbolSelector* selector);
+    static CellEntry* winner(const Cell& cell, unsigned long long address, symbol_kind_t mask);
+    CellEntry* selected(Position cell, unsigned long long address, symbol_kind_t mask,
+                        ISymbolSelector& selector);
 
     Scope* m_scope;
     CellIndex m_cells;
-    std::deque<Scope*> m_scopes; ///< owned; deleted directly, whatever their counts
+    std::deque<Scope*> m_scopes;      ///< owned; deleted directly, whatever their counts
+    IFileFormatLoader* m_plainLoader; ///< borrowed: of the plain symbols
     RecordPool<CellEntry> m_entryPool;
     ListStore m_listStore;
     unsigned long long m_entryCount;

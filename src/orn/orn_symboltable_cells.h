@@ -2,8 +2,6 @@
 #ifndef ORN_SYMBOLTABLE_CELLS_H
 #define ORN_SYMBOLTABLE_CELLS_H
 
-#include "orn/types.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -30,14 +28,20 @@ std::size_t partitionPoint(std::size_t count, const IsBefore& isBefore) {
 
 /// One interval of a scope, half-open. `start` equals `end` for a symbol of size zero, which covers its whole
 /// cell; an interval that ends below its start, as sums that wrap give it, covers nothing.
+///
+/// A plain symbol, one of a format's own symbol table, is nothing but its entry until somebody asks for it:
+/// most of a module's symbols are never asked for, and scopes and symbols are large.
 struct CellEntry {
     unsigned long long start;
     unsigned long long end;
-    Scope* scope;
+    Scope* scope;           ///< null: a plain symbol whose scope is not made yet, see SymbolTable::scopeOf
+    const char* name;       ///< of a plain symbol, borrowed; otherwise null
     std::uint32_t nameHash; ///< 0 until crowded cells need it, see SymbolTable
-    symbol_kind_t kind;     ///< the symbol's; none if the scope had no symbol when it came
+    std::uint8_t kind;      ///< of a plain symbol: symbol_kind_t, which has no value above 16
+    std::uint8_t visibility;
 
     bool isEmpty() const { return start == end; }
+    bool isPlain() const { return name != nullptr; }
 };
 
 /// Hands out records from chunks that grow, so that a record costs its own size and no call of the allocator.
@@ -100,6 +104,7 @@ private:
 class CellList {
 public:
     std::size_t size() const { return isArray() ? array()->count : m_entry != nullptr; }
+    /// Room that was reserved does not count.
     bool isEmpty() const { return size() == 0; }
     CellEntry* const* begin() const { return isArray() ? array()->entries() : &m_entry; }
     CellEntry* const* end() const { return begin() + size(); }
@@ -131,7 +136,7 @@ private:
         m_entry = reinterpret_cast<CellEntry*>(reinterpret_cast<std::uintptr_t>(array) + arrayTag);
     }
 
-    CellEntry* m_entry; ///< the only entry, or the tagged address of an array; null: an empty cell
+    CellEntry* m_entry; ///< the only entry, or the tagged address of an array; null: nothing, and no room
 };
 
 /// One stretch of address space, from its key to the key of the next cell, and what covers it. A cell without

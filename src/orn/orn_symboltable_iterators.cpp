@@ -50,10 +50,10 @@ void SymbolByAddrIterator::settleFrom(std::size_t index) {
     for (m_index = index; m_index < list.size(); ++m_index) {
         if (!SymbolTable::covers(*list[m_index], m_address))
             continue;
-        ISymbol* symbol = list[m_index]->scope->symbol();
+        ISymbol* symbol = m_table->scopeOf(*list[m_index])->symbol();
         if (!ORN_ASSERT(symbol != NULL))
             return;
-        if (!SymbolTable::isOfKind(*list[m_index], m_mask))
+        if ((symbol->kind() & m_mask) == symbol_kind_none)
             continue;
         m_symbol = symbol;
         return;
@@ -114,7 +114,7 @@ void SymbolRangesIterator::settleFrom(Position cell, std::size_t index) {
             m_index = index;
             m_begin = m_entry->start;
             m_end = m_entry->end;
-            m_scope = m_entry->scope;
+            m_scope = m_table->scopeOf(*list[index]);
             return;
         }
     }
@@ -152,7 +152,10 @@ bool SymbolRangesIterator::isReported(const CellEntry& entry, unsigned long long
     bool startsAtHigh = entry.start >= m_high && m_low != m_high;
     if (begin == end && (endsAtLow || startsAtHigh))
         return false;
-    return SymbolTable::isOfKind(entry, m_mask);
+    if (entry.isPlain())
+        return (static_cast<symbol_kind_t>(entry.kind) & m_mask) != symbol_kind_none;
+    ISymbol* symbol = entry.scope->symbol();
+    return symbol && (symbol->kind() & m_mask) != symbol_kind_none;
 }
 
 // --- The cut view
@@ -198,14 +201,14 @@ bool NonOverlappedSymbolRangesIterator::next() {
     followChanges();
     if (m_cell == m_endCell || m_cursor >= m_high)
         return giveUp();
-    const CellEntry* winner = chooseHere();
+    CellEntry* winner = chooseHere();
     while (!winner) {
         if (!stepToNextCell())
             return giveUp();
         winner = chooseHere();
     }
     m_begin = m_cursor;
-    m_scope = winner->scope;
+    m_scope = m_table->scopeOf(*winner);
     extendResult(winner);
     return true;
 }
@@ -218,8 +221,8 @@ bool NonOverlappedSymbolRangesIterator::giveUp() {
 /// Who wins at the cursor. A selector may run queries, and these may load. It may also choose a symbol whose
 /// first entry here ends in front of the cursor: that entry is no winner, or the walk would turn back and
 /// never end.
-const CellEntry* NonOverlappedSymbolRangesIterator::chooseHere() {
-    const CellEntry* chosen = m_table->choose(m_cell, m_cursor, m_mask, m_selector);
+CellEntry* NonOverlappedSymbolRangesIterator::chooseHere() {
+    CellEntry* chosen = m_table->choose(m_cell, m_cursor, m_mask, m_selector);
     followChanges();
     return chosen && SymbolTable::covers(*chosen, m_cursor) ? chosen : nullptr;
 }
@@ -236,7 +239,7 @@ bool NonOverlappedSymbolRangesIterator::stepToNextCell() {
 }
 
 /// Joins the following cells to the result for as long as the same scope wins them.
-void NonOverlappedSymbolRangesIterator::extendResult(const CellEntry* winner) {
+void NonOverlappedSymbolRangesIterator::extendResult(CellEntry* winner) {
     CellIndex& cells = m_table->m_cells;
     for (;;) {
         Position following = m_cell != m_endCell ? cells.next(m_cell) : m_endCell;
@@ -248,7 +251,7 @@ void NonOverlappedSymbolRangesIterator::extendResult(const CellEntry* winner) {
         m_cell = following;
         m_cursor = nextKey;
         winner = chooseHere();
-        if (!winner || winner->scope != m_scope) {
+        if (!winner || m_table->scopeOf(*winner) != m_scope) {
             m_end = m_cursor;
             return;
         }

@@ -81,10 +81,10 @@ public:
 private:
     using Position = CellIndex::Position;
 
-    const CellEntry* chooseHere();
+    CellEntry* chooseHere();
     bool stepToNextCell();
     bool giveUp();
-    void extendResult(const CellEntry* winner);
+    void extendResult(CellEntry* winner);
     void endInLastCell(const CellEntry& winner);
     void endBefore(unsigned long long nextKey, const CellEntry& winner);
     void followChanges();

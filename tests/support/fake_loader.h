@@ -186,7 +186,10 @@ public:
         ++loads;
         return onLoad ? onLoad(sink, flags) : loadStatus;
     }
-    ISrcLineResolver* getLineResolver(GlobalScope*, ILock*) override { return lineResolver; }
+    ISrcLineResolver* getLineResolver(GlobalScope*, ILock* lock) override {
+        lentLock = lock;
+        return lineResolver;
+    }
     status_t findStackVariable(ISymbol* function, IAddress* codeAddress, unsigned long long dataAddress,
                                IStackFrameContext* context, SymMgrObjectPtr<ISymbol>& out,
                                bool* memberFlag) override {
@@ -200,6 +203,7 @@ public:
     std::string path = "/fake/module.debug";
     status_t loadStatus = status_Ok;
     SymMgrObjectPtr<ISrcLineResolver> lineResolver;
+    ILock* lentLock = nullptr;
     std::function<status_t(ISymbolTable*, symbol_kind_t)> onLoad;
     std::function<status_t(ISymbol*, IAddress*, unsigned long long, IStackFrameContext*,
                            SymMgrObjectPtr<ISymbol>&, bool*)>

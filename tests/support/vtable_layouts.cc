@@ -4,6 +4,7 @@
 #include "orn/file.h"
 #include "orn/filename.h"
 #include "orn/orn.h"
+#include "orn_dil.h"
 #include "orn_ffl.h"
 #include "orn_scope.h"
 #include "orn_symbol.h"
@@ -74,5 +75,6 @@ ORN_LIST_CLASS(FileFormatLoader, )
 ORN_LIST_CLASS(NamedSymbol, nullptr, "", symbol_visibility_local, symbol_kind_other, 0)
 ORN_LIST_CLASS(SymbolScope, nullptr, nullptr, nullptr)
 ORN_LIST_CLASS(InlineInstance, nullptr)
+ORN_LIST_CLASS(LineResolver, nullptr, nullptr, nullptr, nullptr)
 
 } // namespace ORN_3_30
