@@ -28,6 +28,7 @@ struct Addition {
     bool hasDetail;
     bool hasOwnRule; ///< compare() answers with arbitrary bits
     bool isPlain;    ///< made by createSymbolScope()
+    bool isBare;     ///< handed in without a scope, which the table makes when somebody asks
 };
 
 /// One of the two worlds that a program runs in: its scopes, and a record of all that happened to them.
@@ -60,6 +61,20 @@ public:
         return found != m_numbers.end() ? found->second : -1;
     }
 
+    /// A scope that was refused is gone, and another may come to lie where it lay.
+    void forget(Scope* scope) { m_numbers.erase(scope); }
+
+    void noteSymbol(ISymbol* symbol) {
+        if (!symbol)
+            return note("of nothing", 0);
+        SymMgrObjectPtr<IAddress> address;
+        symbol->address(address);
+        note("of " + std::string(symbol->rawName()), numberOf(static_cast<Symbol*>(symbol)->scope()));
+        note("kind", symbol->kind());
+        note("visibility", symbol->visibility());
+        note("value", static_cast<long long>(address->pseudoAddr()));
+    }
+
     void note(const std::string& what, long long number) {
         record.push_back(what + " " + std::to_string(number));
     }
@@ -73,7 +88,9 @@ private:
             scope->addRange(low, high);
         for (auto [address, size] : addition.thunks)
             scope->addThunk(new ImportThunk(scope, address, size));
-        m_numbers[scope] = addition.number;
+        // A bare symbol's scope is not known beforehand: it has no number in either world.
+        if (!addition.isBare)
+            m_numbers[scope] = addition.number;
         return scope;
     }
 
@@ -138,6 +155,7 @@ public:
         made.hasDetail = oneIn(4);
         made.hasOwnRule = m_hasOwnRules && oneIn(2);
         made.isPlain = !made.hasOwnRule && oneIn(2);
+        made.isBare = made.isPlain && !made.name.empty() && made.way == Addition::oneRange && oneIn(2);
         return made;
     }
 
@@ -190,16 +208,38 @@ protected:
             run.reference->addScopeRange(end, end, nullptr);
             return;
         }
-        Scope* mine = run.mine.make(addition);
         Scope* model = run.model.make(addition);
+        if (addition.isBare) {
+            // Its own interval is its scope's range, whatever addRange() would make of it.
+            auto [low, high] = addition.ranges[0];
+            static_cast<SymbolTable&>(*run.table)
+                .addPlainSymbol(loader, {lastingName(addition.name), addition.visibility, addition.kind}, low,
+                                high);
+            run.reference->addScopeRange(low, high, model);
+            return;
+        }
+        Scope* mine = run.mine.make(addition);
+        int isMineAdded, isModelAdded;
         if (addition.way == Addition::wholeScope) {
-            run.mine.note("added", run.table->addScope(mine));
-            run.model.note("added", run.reference->addScope(model));
+            isMineAdded = run.table->addScope(mine);
+            isModelAdded = run.reference->addScope(model);
         } else {
             auto [low, high] = addition.ranges[0];
-            run.mine.note("added", run.table->addScopeRange(low, high, mine));
-            run.model.note("added", run.reference->addScopeRange(low, high, model));
+            isMineAdded = run.table->addScopeRange(low, high, mine);
+            isModelAdded = run.reference->addScopeRange(low, high, model);
         }
+        run.mine.note("added", isMineAdded);
+        run.model.note("added", isModelAdded);
+        if (!isMineAdded)
+            run.mine.forget(mine);
+        if (!isModelAdded)
+            run.model.forget(model);
+    }
+
+    /// The text of a bare symbol's name outlives the table.
+    static const char* lastingName(const std::string& name) {
+        static const std::string names[] = {"n0", "n1", "n2", "n3"};
+        return std::find(std::begin(names), std::end(names), name)->c_str();
     }
 
     void query(Run& run) {
@@ -276,8 +316,7 @@ protected:
         world.note("begin", static_cast<long long>(address->pseudoAddr()));
         range->endAddress(address);
         world.note("end", static_cast<long long>(address->pseudoAddr()));
-        auto* symbol = static_cast<Symbol*>(range->symbol());
-        world.note("of", symbol ? world.numberOf(symbol->scope()) : -1);
+        world.noteSymbol(range->symbol());
     }
 
     void noteAnswers(World& world, const std::vector<ReferenceSymbolTable::Answer>& answers) {
@@ -285,7 +324,7 @@ protected:
             world.note("begin", static_cast<long long>(answer.begin));
             // An end of all ones is shown as the end of the segment, which is all ones here.
             world.note("end", static_cast<long long>(answer.end));
-            world.note("of", answer.scope->symbol() ? world.numberOf(answer.scope) : -1);
+            world.noteSymbol(answer.scope->symbol());
         }
     }
 

@@ -318,7 +318,7 @@ CellEntry* SymbolTable::addEntry(unsigned long long start, unsigned long long en
 CellEntry* SymbolTable::addEntry(Newcomer& newcomer) {
     const unsigned long long start = newcomer.start;
     Position cell = m_cells.lowerBound(start);
-    bool isNewKey = cell == m_cells.end() || m_cells.at(cell).key != start;
+    bool isNewKey = cell == m_cells.end() || m_cells.keyAt(cell) != start;
     if (!isNewKey) {
         if (CellEntry* settled = settleWithExisting(cell, newcomer))
             return settled;
@@ -328,7 +328,7 @@ CellEntry* SymbolTable::addEntry(Newcomer& newcomer) {
     if (isNewKey)
         cell = addCell(cell, start, entry);
     else
-        list(m_cells.at(cell), entry);
+        list(m_cells.listAt(cell), entry);
     extend(cell, entry, start);
     return entry;
 }
@@ -336,13 +336,14 @@ CellEntry* SymbolTable::addEntry(Newcomer& newcomer) {
 /// Asks the entries that start where the newcomer starts. Null: none of them is the same thing. Some modules
 /// have thousands of names for one address: then hashes spare the comparisons that would give nothing.
 CellEntry* SymbolTable::settleWithExisting(Position cell, Newcomer& newcomer) {
-    const Cell& holder = m_cells.at(cell);
+    const unsigned long long key = m_cells.keyAt(cell);
+    const CellList& holder = m_cells.listAt(cell);
     unsigned long long nextKey = 0;
     Scope* nextScope = nullptr;
     bool isNeighbourKnown = false;
-    std::uint32_t nameHash = holder.list.size() > crowdedList ? newcomer.nameHash() : 0;
-    for (CellEntry* entry : holder.list) {
-        if (entry->start != holder.key || (nameHash != 0 && hasOtherName(*entry, nameHash)))
+    std::uint32_t nameHash = holder.size() > crowdedList ? newcomer.nameHash() : 0;
+    for (CellEntry* entry : holder) {
+        if (entry->start != key || (nameHash != 0 && hasOtherName(*entry, nameHash)))
             continue;
         if (newcomer.plain() && entry->isPlain() && !madeScope(*entry)) {
             if (newcomer.isSameAs(*entry))
@@ -368,9 +369,9 @@ void SymbolTable::findNeighbour(Position cell, unsigned long long& nextKey, Scop
     Position next = m_cells.next(cell);
     if (next == m_cells.end())
         return;
-    nextKey = m_cells.at(next).key;
+    nextKey = m_cells.keyAt(next);
     CellEntry* last = nullptr;
-    for (CellEntry* entry : m_cells.at(next).list) {
+    for (CellEntry* entry : m_cells.listAt(next)) {
         if (entry->start == nextKey)
             last = entry;
     }
@@ -422,14 +423,14 @@ std::size_t SymbolTable::placeIn(const CellList& list, unsigned long long end) c
     return 1 + partitionPoint(list.size() - 1, [=](std::size_t index) { return others[index]->end > end; });
 }
 
-void SymbolTable::list(Cell& cell, CellEntry* entry) {
-    cell.list.insert(m_listStore, placeIn(cell.list, entry->end), entry);
+void SymbolTable::list(CellList& list, CellEntry* entry) {
+    list.insert(m_listStore, placeIn(list, entry->end), entry);
 }
 
-void SymbolTable::listInFurtherCell(Cell& cell, std::size_t place, CellEntry* entry) {
+void SymbolTable::listInFurtherCell(CellList& list, std::size_t place, CellEntry* entry) {
     if (m_furtherListings >= listingsAlwaysAllowed + listingsAllowedPerEntry * m_entryCount)
         throw std::bad_alloc();
-    cell.list.insert(m_listStore, place, entry);
+    list.insert(m_listStore, place, entry);
     ++m_furtherListings;
 }
 
@@ -438,7 +439,7 @@ void SymbolTable::listInFurtherCell(Cell& cell, std::size_t place, CellEntry* en
 SymbolTable::Position SymbolTable::addCell(Position before, unsigned long long key, CellEntry* entry) {
     Position cell = m_cells.insert(before, key);
     if (entry)
-        list(m_cells.at(cell), entry);
+        list(m_cells.listAt(cell), entry);
     if (cell != m_cells.begin())
         copyReachingEntries(m_cells.previous(cell), cell);
     return cell;
@@ -447,21 +448,21 @@ SymbolTable::Position SymbolTable::addCell(Position before, unsigned long long k
 /// Stops at the first entry that does not reach the new cell. Quirk: an empty entry is never copied, and
 /// nothing that is listed behind it either.
 void SymbolTable::copyReachingEntries(Position from, Position to) {
-    Cell& target = m_cells.at(to);
-    const CellList& source = m_cells.at(from).list;
-    auto reachingEnd = std::find_if(source.begin(), source.end(),
-                                    [&](const CellEntry* entry) { return entry->end <= target.key; });
+    const unsigned long long key = m_cells.keyAt(to);
+    CellList& target = m_cells.listAt(to);
+    const CellList& source = m_cells.listAt(from);
+    auto reachingEnd =
+        std::find_if(source.begin(), source.end(), [&](const CellEntry* entry) { return entry->end <= key; });
     if (reachingEnd == source.begin())
         return;
-    target.list.reserve(m_listStore,
-                        target.list.size() + static_cast<std::size_t>(reachingEnd - source.begin()));
+    target.reserve(m_listStore, target.size() + static_cast<std::size_t>(reachingEnd - source.begin()));
     std::size_t place = 0;
     unsigned long long lastEnd = 0;
     for (auto entry = source.begin(); entry != reachingEnd; ++entry) {
         // Ends descend, so an entry goes where the last one went or behind it: the copying is linear.
         bool isBehindLast = entry != source.begin() && (*entry)->end <= lastEnd;
         lastEnd = (*entry)->end;
-        place = isBehindLast ? placeBehind(target.list, place, lastEnd) : placeIn(target.list, lastEnd);
+        place = isBehindLast ? placeBehind(target, place, lastEnd) : placeIn(target, lastEnd);
         listInFurtherCell(target, place, *entry);
     }
 }
@@ -469,7 +470,7 @@ void SymbolTable::copyReachingEntries(Position from, Position to) {
 /// Nothing reaches beyond a section's end but what was known to: the empty symbols in front of it do not.
 void SymbolTable::markSectionEnd(unsigned long long key) {
     Position cell = m_cells.lowerBound(key);
-    if (cell != m_cells.end() && m_cells.at(cell).key == key)
+    if (cell != m_cells.end() && m_cells.keyAt(cell) == key)
         return;
     ++m_changeStamp;
     addCell(cell, key, nullptr);
@@ -477,10 +478,10 @@ void SymbolTable::markSectionEnd(unsigned long long key) {
 
 /// Makes the entry known to the cells behind its own that it covers, from `fromKey` on.
 void SymbolTable::extend(Position cell, CellEntry* entry, unsigned long long fromKey) {
-    for (cell = m_cells.next(cell); cell != m_cells.end() && m_cells.at(cell).key < entry->end;
+    for (cell = m_cells.next(cell); cell != m_cells.end() && m_cells.keyAt(cell) < entry->end;
          cell = m_cells.next(cell)) {
-        if (m_cells.at(cell).key >= fromKey)
-            listInFurtherCell(m_cells.at(cell), placeIn(m_cells.at(cell).list, entry->end), entry);
+        if (m_cells.keyAt(cell) >= fromKey)
+            listInFurtherCell(m_cells.listAt(cell), placeIn(m_cells.listAt(cell), entry->end), entry);
     }
 }
 
@@ -488,14 +489,14 @@ void SymbolTable::extend(Position cell, CellEntry* entry, unsigned long long fro
 /// entry itself out, or even its cell.
 void SymbolTable::putBack(CellEntry* entry, unsigned long long fromKey) {
     Position cell = m_cells.lowerBound(entry->start);
-    if (cell == m_cells.end() || m_cells.at(cell).key != entry->start) {
+    if (cell == m_cells.end() || m_cells.keyAt(cell) != entry->start) {
         cell = addCell(cell, entry->start, entry);
     } else {
-        CellList& holder = m_cells.at(cell).list;
+        CellList& holder = m_cells.listAt(cell);
         auto found = std::find(holder.begin(), holder.end(), entry);
         if (found != holder.end())
             holder.erase(m_listStore, static_cast<std::size_t>(found - holder.begin()));
-        list(m_cells.at(cell), entry);
+        list(m_cells.listAt(cell), entry);
     }
     extend(cell, entry, fromKey);
 }
@@ -504,7 +505,7 @@ void SymbolTable::putBack(CellEntry* entry, unsigned long long fromKey) {
 void SymbolTable::removeFromFollowingCells(unsigned long long key, unsigned long long end,
                                            const ISymbolTableListItemComparer& comparer) {
     Position cell = m_cells.upperBound(key);
-    while (cell != m_cells.end() && m_cells.at(cell).key < end)
+    while (cell != m_cells.end() && m_cells.keyAt(cell) < end)
         cell = removeMatching(cell, comparer);
 }
 
@@ -523,15 +524,15 @@ void SymbolTable::removeFurtherRanges(Scope* scope) {
 /// Takes the first matching entry out; a cell that is empty then goes too. Gives the following cell.
 SymbolTable::Position SymbolTable::removeMatching(Position cell,
                                                   const ISymbolTableListItemComparer& comparer) {
-    Cell& holder = m_cells.at(cell);
-    auto found = std::find_if(holder.list.begin(), holder.list.end(),
+    CellList& holder = m_cells.listAt(cell);
+    auto found = std::find_if(holder.begin(), holder.end(),
                               [&](const CellEntry* entry) { return comparer.matches(*entry); });
-    if (found != holder.list.end()) {
-        if ((*found)->start != holder.key)
+    if (found != holder.end()) {
+        if ((*found)->start != m_cells.keyAt(cell))
             --m_furtherListings;
-        holder.list.erase(m_listStore, static_cast<std::size_t>(found - holder.list.begin()));
+        holder.erase(m_listStore, static_cast<std::size_t>(found - holder.begin()));
     }
-    return holder.list.isEmpty() ? m_cells.erase(cell) : m_cells.next(cell);
+    return holder.isEmpty() ? m_cells.erase(cell) : m_cells.next(cell);
 }
 
 // --- Queries
@@ -566,13 +567,13 @@ void SymbolTable::symbolRangeByAddress(SymMgrObjectPtr<ISymbolRange>& out, unsig
 
 CellEntry* SymbolTable::choose(Position cell, unsigned long long address, symbol_kind_t mask,
                                ISymbolSelector* selector) {
-    return selector ? selected(cell, address, mask, *selector) : winner(m_cells.at(cell), address, mask);
+    return selector ? selected(cell, address, mask, *selector) : winner(m_cells.listAt(cell), address, mask);
 }
 
 /// The default rule.
-CellEntry* SymbolTable::winner(const Cell& cell, unsigned long long address, symbol_kind_t mask) {
+CellEntry* SymbolTable::winner(const CellList& list, unsigned long long address, symbol_kind_t mask) {
     std::optional<Contender> best;
-    for (CellEntry* entry : cell.list) {
+    for (CellEntry* entry : list) {
         if (!covers(*entry, address))
             continue;
         const Contender contender(*entry);
@@ -589,7 +590,7 @@ CellEntry* SymbolTable::winner(const Cell& cell, unsigned long long address, sym
 /// The selector may run queries of its own, and these may load: the cell is looked up again behind the call.
 CellEntry* SymbolTable::selected(Position cell, unsigned long long address, symbol_kind_t mask,
                                  ISymbolSelector& selector) {
-    unsigned long long key = m_cells.at(cell).key;
+    unsigned long long key = m_cells.keyAt(cell);
     SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbol>>> candidates =
         new SymbolByAddrIterator(this, key, address, mask);
     SymMgrObjectPtr<ISymbol> chosen = candidates->current();
@@ -600,7 +601,7 @@ CellEntry* SymbolTable::selected(Position cell, unsigned long long address, symb
     cell = m_cells.find(key);
     if (!chosen || cell == m_cells.end())
         return nullptr;
-    for (CellEntry* entry : m_cells.at(cell).list) {
+    for (CellEntry* entry : m_cells.listAt(cell)) {
         Scope* scope = madeScope(*entry); // a chosen symbol has one
         if (scope && scope->symbol() == chosen.get())
             return entry;

@@ -110,8 +110,8 @@ private:
     void removeFurtherRanges(Scope* scope);
     Position removeMatching(Position cell, const ISymbolTableListItemComparer& comparer);
     CellEntry* newEntry(const Newcomer& newcomer);
-    void list(Cell& cell, CellEntry* entry);
-    void listInFurtherCell(Cell& cell, std::size_t place, CellEntry* entry);
+    void list(CellList& list, CellEntry* entry);
+    void listInFurtherCell(CellList& list, std::size_t place, CellEntry* entry);
     std::size_t placeIn(const CellList& list, unsigned long long end) const;
 
     // Scopes of plain symbols.
@@ -126,7 +126,7 @@ private:
     static bool covers(const CellEntry& entry, unsigned long long address);
     CellEntry* choose(Position cell, unsigned long long address, symbol_kind_t mask,
                       ISymbolSelector* selector);
-    static CellEntry* winner(const Cell& cell, unsigned long long address, symbol_kind_t mask);
+    static CellEntry* winner(const CellList& list, unsigned long long address, symbol_kind_t mask);
     CellEntry* selected(Position cell, unsigned long long address, symbol_kind_t mask,
                         ISymbolSelector& selector);
 

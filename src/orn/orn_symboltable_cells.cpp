@@ -104,7 +104,8 @@ CellIndex::~CellIndex() {
 }
 
 CellIndex::Block* CellIndex::newBlock(std::uint32_t capacity) {
-    return new (::operator new(sizeof(Block) + capacity * sizeof(Cell))) Block{0, capacity};
+    return new (::operator new(sizeof(Block) + capacity * (sizeof(unsigned long long) + sizeof(CellList))))
+        Block{0, capacity};
 }
 
 void CellIndex::freeBlock(Block* block) {
@@ -113,7 +114,15 @@ void CellIndex::freeBlock(Block* block) {
 
 /// Moves the cells from slot `from` on to slot `to` on; counts are the caller's.
 void CellIndex::Block::moveCells(std::uint32_t from, std::uint32_t to) {
-    std::memmove(cells() + to, cells() + from, (count - from) * sizeof(Cell));
+    std::memmove(keys() + to, keys() + from, (count - from) * sizeof(unsigned long long));
+    std::memmove(lists() + to, lists() + from, (count - from) * sizeof(CellList));
+}
+
+/// Becomes a copy of the other block's cells from slot `from` on.
+void CellIndex::Block::takeCells(const Block& other, std::uint32_t from) {
+    count = other.count - from;
+    std::memcpy(keys(), other.keys() + from, count * sizeof(unsigned long long));
+    std::memcpy(lists(), other.lists() + from, count * sizeof(CellList));
 }
 
 CellIndex::Position CellIndex::next(Position position) const {
@@ -141,27 +150,36 @@ std::size_t CellIndex::blockOf(unsigned long long key) const {
     return notAbove == 0 ? 0 : notAbove - 1;
 }
 
-CellIndex::Position CellIndex::lowerBound(unsigned long long key) const {
+/// The first cell whose key does not come before the place; `isBefore` tells for a key.
+template <typename IsBefore>
+CellIndex::Position CellIndex::search(unsigned long long key, const IsBefore& isBefore) const {
     if (m_blocks.empty())
         return end();
-    std::size_t block = blockOf(key);
-    const Cell* cells = m_blocks[block]->cells();
-    return normalised(block, partitionPoint(m_blocks[block]->count,
-                                            [=](std::size_t slot) { return cells[slot].key < key; }));
+    const std::size_t index = blockOf(key);
+    const Block* block = m_blocks[index];
+    const unsigned long long* keys = block->keys();
+    // A search without branches waits for each key in turn. All of them are asked for at once, in front of
+    // the first wait, which is for the count. Where there are several blocks, all have the full capacity.
+    constexpr std::size_t keysPerCacheLine = 8;
+    if (m_blocks.size() > 1) {
+        for (std::size_t line = 0; line < fullCapacity; line += keysPerCacheLine)
+            __builtin_prefetch(keys + line);
+    }
+    return normalised(index,
+                      partitionPoint(block->count, [=](std::size_t slot) { return isBefore(keys[slot]); }));
+}
+
+CellIndex::Position CellIndex::lowerBound(unsigned long long key) const {
+    return search(key, [=](unsigned long long other) { return other < key; });
 }
 
 CellIndex::Position CellIndex::upperBound(unsigned long long key) const {
-    if (m_blocks.empty())
-        return end();
-    std::size_t block = blockOf(key);
-    const Cell* cells = m_blocks[block]->cells();
-    return normalised(block, partitionPoint(m_blocks[block]->count,
-                                            [=](std::size_t slot) { return cells[slot].key <= key; }));
+    return search(key, [=](unsigned long long other) { return other <= key; });
 }
 
 CellIndex::Position CellIndex::find(unsigned long long key) const {
     Position position = lowerBound(key);
-    return position != end() && at(position).key == key ? position : end();
+    return position != end() && keyAt(position) == key ? position : end();
 }
 
 CellIndex::Position CellIndex::insert(Position before, unsigned long long key) {
@@ -171,7 +189,8 @@ CellIndex::Position CellIndex::insert(Position before, unsigned long long key) {
     Block* block = m_blocks[where.block];
     auto slot = static_cast<std::uint32_t>(where.slot);
     block->moveCells(slot, slot + 1);
-    block->cells()[slot] = {key, CellList()};
+    block->keys()[slot] = key;
+    block->lists()[slot] = CellList();
     ++block->count;
     if (slot == 0)
         m_firstKeys[where.block] = key;
@@ -208,8 +227,7 @@ void CellIndex::insertBlock(std::size_t index, std::uint32_t capacity) {
 void CellIndex::growBlock(std::size_t index) {
     Block* old = m_blocks[index];
     Block* grown = newBlock(std::min(old->capacity * 2, fullCapacity));
-    std::memcpy(grown->cells(), old->cells(), old->count * sizeof(Cell));
-    grown->count = old->count;
+    grown->takeCells(*old, 0);
     m_blocks[index] = grown;
     freeBlock(old);
 }
@@ -228,10 +246,9 @@ CellIndex::Position CellIndex::splitBlock(Position where) {
     insertBlock(where.block + 1, fullCapacity);
     Block* lower = m_blocks[where.block];
     Block* upper = m_blocks[where.block + 1];
-    std::memcpy(upper->cells(), lower->cells() + half, (fullCapacity - half) * sizeof(Cell));
+    upper->takeCells(*lower, half);
     lower->count = half;
-    upper->count = fullCapacity - half;
-    m_firstKeys[where.block + 1] = upper->cells()[0].key;
+    m_firstKeys[where.block + 1] = upper->keys()[0];
     if (where.slot <= half)
         return where;
     return {where.block + 1, where.slot - half};
@@ -250,7 +267,7 @@ CellIndex::Position CellIndex::erase(Position position) {
     block->moveCells(slot + 1, slot);
     --block->count;
     if (slot == 0)
-        m_firstKeys[position.block] = block->cells()[0].key;
+        m_firstKeys[position.block] = block->keys()[0];
     return normalised(position.block, position.slot);
 }
 

@@ -139,16 +139,13 @@ private:
     CellEntry* m_entry; ///< the only entry, or the tagged address of an array; null: nothing, and no room
 };
 
-/// One stretch of address space, from its key to the key of the next cell, and what covers it. A cell without
-/// anything marks the end of a section.
-struct Cell {
-    unsigned long long key;
-    CellList list;
-};
-
-/// The cells in ascending order of their keys: blocks of sorted cells, and a vector of the blocks' first
-/// keys. A tree with a node per key takes three times the room, and a search in it misses the cache at every
-/// level. Insertion and erasure invalidate every position.
+/// The cells in ascending order of their keys. A cell is one stretch of address space, from its key to the
+/// key of the next cell, with the list of what covers it; a cell with an empty list marks the end of a
+/// section.
+///
+/// Stored as blocks of sorted cells, and a vector of the blocks' first keys. A tree with a node per key takes
+/// three times the room, and a search in it misses the cache at every level. Insertion and erasure invalidate
+/// every position.
 class CellIndex {
 public:
     struct Position {
@@ -175,8 +172,13 @@ public:
     /// The cell with exactly this key, or end().
     Position find(unsigned long long key) const;
 
-    Cell& at(Position position) { return m_blocks[position.block]->cells()[position.slot]; }
-    const Cell& at(Position position) const { return m_blocks[position.block]->cells()[position.slot]; }
+    unsigned long long keyAt(Position position) const {
+        return m_blocks[position.block]->keys()[position.slot];
+    }
+    CellList& listAt(Position position) { return m_blocks[position.block]->lists()[position.slot]; }
+    const CellList& listAt(Position position) const {
+        return m_blocks[position.block]->lists()[position.slot];
+    }
 
     /// Inserts an empty cell in front of `before`, which is the lower bound of the key.
     Position insert(Position before, unsigned long long key);
@@ -184,17 +186,23 @@ public:
     Position erase(Position position);
 
 private:
-    /// Cells follow the header in the same piece of memory.
+    /// Behind the header, in the same piece of memory, come the keys of all cells and then their lists.
     struct Block {
         std::uint32_t count;
         std::uint32_t capacity;
 
-        Cell* cells() { return reinterpret_cast<Cell*>(this + 1); }
-        const Cell* cells() const { return reinterpret_cast<const Cell*>(this + 1); }
+        unsigned long long* keys() { return reinterpret_cast<unsigned long long*>(this + 1); }
+        const unsigned long long* keys() const {
+            return reinterpret_cast<const unsigned long long*>(this + 1);
+        }
+        CellList* lists() { return reinterpret_cast<CellList*>(keys() + capacity); }
+        const CellList* lists() const { return reinterpret_cast<const CellList*>(keys() + capacity); }
         bool isFull() const { return count == capacity; }
         void moveCells(std::uint32_t from, std::uint32_t to);
+        void takeCells(const Block& other, std::uint32_t from);
     };
-    static_assert(sizeof(Block) % alignof(Cell) == 0);
+    static_assert(sizeof(Block) % alignof(unsigned long long) == 0 &&
+                  alignof(CellList) == alignof(unsigned long long));
 
     static constexpr std::uint32_t firstCapacity = 4; ///< nested tables have few cells
     static constexpr std::uint32_t fullCapacity = 128;
@@ -202,6 +210,8 @@ private:
     static Block* newBlock(std::uint32_t capacity);
     static void freeBlock(Block* block);
     std::size_t blockOf(unsigned long long key) const;
+    template <typename IsBefore>
+    Position search(unsigned long long key, const IsBefore& isBefore) const;
     Position normalised(std::size_t block, std::size_t slot) const;
     Position placeFor(Position before) const;
     Position makeRoom(Position where);

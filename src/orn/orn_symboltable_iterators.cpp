@@ -46,7 +46,7 @@ void SymbolByAddrIterator::settleFrom(std::size_t index) {
     m_symbol = nullptr;
     if (m_cell == m_table->m_cells.end())
         return;
-    const CellList& list = m_table->m_cells.at(m_cell).list;
+    const CellList& list = m_table->m_cells.listAt(m_cell);
     for (m_index = index; m_index < list.size(); ++m_index) {
         if (!SymbolTable::covers(*list[m_index], m_address))
             continue;
@@ -85,7 +85,7 @@ void SymbolRangesIterator::reset() {
     Position first = m_table->firstCellOf(m_low);
     if (first == cells.end())
         return;
-    m_firstKey = cells.at(first).key;
+    m_firstKey = cells.keyAt(first);
     settleFrom(first, 0);
 }
 
@@ -103,9 +103,9 @@ bool SymbolRangesIterator::next() {
 void SymbolRangesIterator::settleFrom(Position cell, std::size_t index) {
     CellIndex& cells = m_table->m_cells;
     m_scope = nullptr;
-    for (; cell != cells.end() && cells.at(cell).key <= m_high; cell = cells.next(cell), index = 0) {
-        m_cellKey = cells.at(cell).key;
-        const CellList& list = cells.at(cell).list;
+    for (; cell != cells.end() && cells.keyAt(cell) <= m_high; cell = cells.next(cell), index = 0) {
+        m_cellKey = cells.keyAt(cell);
+        const CellList& list = cells.listAt(cell);
         for (; index < list.size(); ++index) {
             m_entry = list[index];
             if (!isReported(*m_entry, m_cellKey))
@@ -127,8 +127,8 @@ void SymbolRangesIterator::resume() {
     m_changeStamp = m_table->m_changeStamp;
     Position cell = cells.lowerBound(m_cellKey);
     std::size_t index = 0;
-    if (cell != cells.end() && cells.at(cell).key == m_cellKey) {
-        const CellList& list = cells.at(cell).list;
+    if (cell != cells.end() && cells.keyAt(cell) == m_cellKey) {
+        const CellList& list = cells.listAt(cell);
         auto known = std::find(list.begin(), list.end(), m_entry);
         auto next = known != list.end() ? known + 1
                                         : std::find_if(list.begin(), list.end(), [&](const CellEntry* entry) {
@@ -181,7 +181,7 @@ void NonOverlappedSymbolRangesIterator::reset() {
     m_scope = nullptr;
     m_cell = m_table->firstCellOf(m_low);
     m_endCell = cells.lowerBound(m_high);
-    m_cursor = m_cell != cells.end() ? std::max(m_low, cells.at(m_cell).key) : m_low;
+    m_cursor = m_cell != cells.end() ? std::max(m_low, cells.keyAt(m_cell)) : m_low;
     next();
 }
 
@@ -234,7 +234,7 @@ bool NonOverlappedSymbolRangesIterator::stepToNextCell() {
     m_cell = m_table->m_cells.next(m_cell);
     if (m_cell == m_endCell)
         return false;
-    m_cursor = m_table->m_cells.at(m_cell).key;
+    m_cursor = m_table->m_cells.keyAt(m_cell);
     return true;
 }
 
@@ -245,7 +245,7 @@ void NonOverlappedSymbolRangesIterator::extendResult(CellEntry* winner) {
         Position following = m_cell != m_endCell ? cells.next(m_cell) : m_endCell;
         if (following == m_endCell)
             return endInLastCell(*winner);
-        unsigned long long nextKey = cells.at(following).key;
+        unsigned long long nextKey = cells.keyAt(following);
         if (winner->end <= nextKey)
             return endBefore(nextKey, *winner);
         m_cell = following;
@@ -286,7 +286,7 @@ void NonOverlappedSymbolRangesIterator::followChanges() {
     m_endCell = cells.lowerBound(m_high);
     m_cell = wasAtEnd ? m_endCell : m_table->firstCellOf(m_cursor);
     if (m_cell != m_endCell)
-        m_cursor = std::max(m_cursor, cells.at(m_cell).key);
+        m_cursor = std::max(m_cursor, cells.keyAt(m_cell));
 }
 
 } // namespace ORN_3_30
