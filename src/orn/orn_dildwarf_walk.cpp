@@ -308,7 +308,11 @@ void DWARFSymbolWalk::makePlainInline(const AttrBinding* lowAttr, const AttrBind
     dwarf_utils::calculateHighLowAdresses(lowAttr, highAttr, low, high);
     high = std::max(low, high);
     mapAddresses(low, high);
-    pushWithRange(makeInlineSymbol(low, high), low, high);
+    // Compilers leave many expansions behind of which no code is left. In the table an empty interval is a
+    // symbol whose size nobody told and takes the cell behind it; what is known to be nowhere must not. A
+    // range list drops its empty pairs for the same reason.
+    if (low != high)
+        pushWithRange(makeInlineSymbol(low, high), low, high);
 }
 
 DWARFSymbolWalk::Descent DWARFSymbolWalk::readLabel(symbol_kind_t flags) {

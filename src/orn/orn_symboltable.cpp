@@ -549,10 +549,9 @@ SymbolTable::Position SymbolTable::firstCellOf(unsigned long long low) const {
     return above == m_cells.begin() ? above : m_cells.previous(above);
 }
 
-/// An empty entry covers its whole cell: it is a symbol whose size nobody told. Not so an expanded call
-/// without code, of which compilers leave many behind: what is known to be nowhere covers nothing.
+/// An empty entry covers its whole cell: it is a symbol whose size nobody told.
 bool SymbolTable::covers(const CellEntry& entry, unsigned long long address) {
-    return entry.end > address || (entry.isEmpty() && (entry.isPlain() || !entry.scope->inlineInstance()));
+    return entry.end > address || entry.isEmpty();
 }
 
 void SymbolTable::symbolRangeByAddress(SymMgrObjectPtr<ISymbolRange>& out, unsigned long long address,
