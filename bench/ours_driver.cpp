@@ -1,0 +1,83 @@
+// The library as one peer among others in a kit that times symbolisers in process: the kit's frame `driver.h`
+// asks a Peer to open a module and to look addresses up. Built only where ORN_BENCH_KIT names the folder of
+// that file. Raw names, like the peers' linkage names; on the public headers alone.
+
+#include "driver.h"
+
+#include "orn/orn.h"
+
+using namespace ORN_3_30;
+
+namespace {
+
+using RangePtr = SymMgrObjectPtr<ISymbolRange>;
+using LocationPtr = SymMgrObjectPtr<ISourceLocation>;
+
+/// The first candidate is the line table's own row, the innermost position.
+class InnermostLocation final : public ISourceLocationSelector {
+public:
+    LocationPtr select(SymMgrObjectPtr<IIterator<LocationPtr>>& candidates) override {
+        return candidates->current();
+    }
+};
+
+struct Peer {
+    SymMgrObjectPtr<ISymbolManager> manager;
+    SymMgrObjectPtr<IModuleSymbolBank> bank;
+    InnermostLocation innermost;
+    std::vector<RangePtr> chain;
+    std::vector<LocationPtr> locations; ///< keeps the texts of the last answer
+
+    static const char* name() { return "ours"; }
+
+    bool open(const char* module) {
+        return !isFailure(ISymbolManager::create(manager)) &&
+               !isFailure(
+                   manager->loadSymbolsFromModule(module, nullptr, bank, arch_unknown, false, nullptr));
+    }
+
+    void lookup(std::uint64_t wanted, bool inlines, std::vector<Frame>& out) {
+        chain.clear();
+        locations.clear();
+        SymMgrObjectPtr<IAddress> address;
+        if (isFailure(bank->addressFromPseudoAddress(wanted, address)))
+            return;
+        RangePtr range;
+        (void)bank->symbolRangeByAddress(address, range, symbol_kind_function, nullptr);
+        if (!range)
+            return;
+        chain.push_back(range);
+        while (inlines && range) {
+            RangePtr nested;
+            range->nestedRangeByAddress(nested, address);
+            range = nested;
+            if (range && range->inlineInstance())
+                chain.push_back(range);
+        }
+        addFrames(*address, out);
+    }
+
+    void addFrames(IAddress& address, std::vector<Frame>& out) {
+        LocationPtr location;
+        ISourceLocationSelector* selector = &innermost;
+        (void)bank->sourceLocationByAddress(&address, location, 0, selector);
+        for (auto range = chain.rbegin(); range != chain.rend(); ++range) {
+            out.push_back({(*range)->symbol()->rawName(), nullptr, 0});
+            if (location) {
+                if (ISourceFile* file = location->file())
+                    out.back().file = file->name();
+                out.back().line = location->line();
+                locations.push_back(location);
+            }
+            location = nullptr;
+            if (IInlineInstance* instance = (*range)->inlineInstance())
+                instance->callSite(location);
+        }
+    }
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return drive<Peer>(argc, argv);
+}
