@@ -21,7 +21,6 @@ using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 using M = DwarfModule;
 
-constexpr const char* gnuC = "GNU C 8.3.0";
 
 class Environment {
 public:

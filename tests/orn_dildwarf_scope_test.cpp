@@ -5,6 +5,9 @@
 #include "support/dwarf_module.h"
 #include "support/orn_fixture.h"
 
+#include <set>
+#include <string>
+
 namespace ORN_3_30::test {
 namespace {
 
@@ -55,6 +58,44 @@ TEST_F(DwarfScopeMatchTest, APlainNameThatIsTheShortFormGivesItsNameAndVisibilit
     debugScope("bar", {{0x1000, 0x1020}});
     EXPECT_EQ(compare(plain("_ZN3foo3barEi", 0x1000, 0x1020)), 24u);
     EXPECT_EQ(compare(plain("bar", 0x1000, 0x1020)), 24u);
+}
+
+/// The functions that a linker dropped all start at one address; there names are looked up, not compared one
+/// by one.
+TEST_F(DwarfScopeMatchTest, InACrowdTheSameThingIsFoundByAnyOfItsNames) {
+    SymMgrObjectPtr<ISymbolTable> table = ISymbolTable::create(nullptr);
+    DWARFCompilationUnit* unit = m_module.loader().units().begin()->second;
+    std::vector<std::string> names{"bar"};
+    for (int number = 0; number < 100; ++number)
+        names.push_back("d" + std::to_string(number));
+    for (const std::string& name : names) {
+        auto* scope = new DWARFScope(m_module.format.get(), nullptr, DWARFName{name.c_str(), true}, 0x1000,
+                                     symbol_kind_function, DWARFScope::Entry{unit, 11, DW_TAG_subprogram});
+        scope->addRange(0x1000, 0x1020);
+        EXPECT_EQ(table->addScopeRange(0x1000, 0x1020, scope), 1) << name;
+    }
+    auto addPlain = [&](const char* name) {
+        plain(name, 0x1000, 0x1020);
+        Scope* scope = m_plain.back().release();
+        m_plain.pop_back();
+        return table->addScopeRange(0x1000, 0x1020, scope);
+    };
+    EXPECT_EQ(addPlain("_ZN3foo3barEi"), 0); // by its short name
+    EXPECT_EQ(addPlain("d7."), 0);           // but for the dot
+    EXPECT_EQ(addPlain("d8"), 0);
+    EXPECT_EQ(addPlain("other"), 1);
+    EXPECT_EQ(addPlain("other"), 0);
+    EXPECT_EQ(addPlain("_ZN3foo3barEi"), 0); // which is the scope's own name now
+
+    std::multiset<std::string> held;
+    SymMgrObjectPtr<Scope::RangeIterator> ranges;
+    table->symbolRanges(ranges, 0x1000, 0x1020, symbol_kind_all);
+    for (auto range = ranges->current(); range; range = ranges->next() ? ranges->current() : nullptr)
+        held.insert(range->symbol()->rawName());
+    EXPECT_EQ(held.size(), names.size() + 1);
+    EXPECT_EQ(held.count("_ZN3foo3barEi"), 1u);
+    EXPECT_EQ(held.count("bar"), 0u);
+    EXPECT_EQ(held.count("d7."), 1u);
 }
 
 TEST_F(DwarfScopeMatchTest, EqualMangledNamesGiveTheVisibility) {

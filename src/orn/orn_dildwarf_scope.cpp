@@ -63,6 +63,7 @@ DWARFScope::DWARFScope(IFileFormatLoader* loader, Scope* parent, const DWARFName
                 ? static_cast<std::uint32_t>(entry.tag)
                 : std::numeric_limits<std::uint32_t>::max()) {
     setSymbol(&m_embeddedSymbol);
+    setToldBy(ToldBy::AnyName);
 }
 
 /// The reference goes before the symbol that it points at.

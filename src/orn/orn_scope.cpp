@@ -32,7 +32,7 @@ Scope::Scope(IFileFormatLoader* loader, Scope* parent, ILock* lock)
       m_loadedKinds(symbol_kind_none),
       m_firstNodeTaken(false),
       m_ownedByTable(false),
-      m_toldByName(false) {}
+      m_toldBy(ToldBy::Anything) {}
 
 Scope::~Scope() {
     releaseContent();
@@ -336,7 +336,7 @@ public:
         : SymbolScope(loader, parent, nullptr),
           m_embeddedSymbol(loader, name, value, this, visibility, kind, ~0ULL) {
         setSymbol(&m_embeddedSymbol);
-        setToldByName();
+        setToldBy(ToldBy::RawName);
     }
     /// The reference goes before the symbol that it points at.
     ~PlainSymbolScope() override { setSymbol(nullptr); }

@@ -123,11 +123,16 @@ public:
     /// A table has taken the scope for good; a scope enters one table once.
     bool isOwnedByTable() const { return m_ownedByTable; }
     void setOwnedByTable() { m_ownedByTable = true; }
-    /// compare() of this scope gives nothing for a scope of another raw name.
-    bool isToldByName() const { return m_toldByName; }
+    /// What compare() of this scope goes by: it gives nothing for a scope that differs in it.
+    enum class ToldBy : unsigned char {
+        Anything, ///< ask compare()
+        RawName,
+        AnyName ///< one of raw and short name, less a final ".", is one of the other's
+    };
+    ToldBy toldBy() const { return m_toldBy; }
 
 protected:
-    void setToldByName() { m_toldByName = true; }
+    void setToldBy(ToldBy toldBy) { m_toldBy = toldBy; }
     /// Leaves the head alone in the list, ending at `high`.
     void collapseRanges(unsigned long long high);
     symbol_kind_t loadedKinds() const { return m_loadedKinds.load(std::memory_order_relaxed); }
@@ -160,7 +165,7 @@ private:
     std::atomic<symbol_kind_t> m_loadedKinds;
     bool m_firstNodeTaken;
     bool m_ownedByTable;
-    bool m_toldByName;
+    ToldBy m_toldBy;
 };
 
 /// The region of one symbol, which it owns.

@@ -16,6 +16,7 @@
 #include <new>
 #include <optional>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -41,28 +42,12 @@ std::size_t placeBehind(const CellList& list, std::size_t place, unsigned long l
 /// Lists longer than this are searched with the help of name hashes.
 constexpr std::size_t crowdedList = 16;
 
-/// Never 0; 0 for a scope without a name.
-std::uint32_t hashOfName(Scope& scope) {
-    ISymbol* symbol = scope.symbol();
-    if (!symbol)
-        return 0;
-    return static_cast<std::uint32_t>(std::hash<std::string_view>()(symbol->rawName())) | 1;
+std::size_t hashOf(std::string_view name) {
+    return std::hash<std::string_view>()(name);
 }
 
-/// Never 0.
-std::uint32_t hashOfName(const char* name) {
-    return static_cast<std::uint32_t>(std::hash<std::string_view>()(name)) | 1;
-}
-
-/// Whether the entry's scope is told by its name and has another one than the hash says.
-bool hasOtherName(CellEntry& entry, std::uint32_t nameHash) {
-    if (entry.nameHash == 0) {
-        if (entry.isPlain())
-            entry.nameHash = hashOfName(entry.name);
-        else if (entry.scope->isToldByName())
-            entry.nameHash = hashOfName(*entry.scope);
-    }
-    return entry.nameHash != 0 && entry.nameHash != nameHash;
+std::string_view withoutFinalDot(std::string_view name) {
+    return !name.empty() && name.back() == '.' ? name.substr(0, name.size() - 1) : name;
 }
 
 /// Null until somebody has asked for the scope of a plain symbol; queries may make it at any moment.
@@ -144,7 +129,17 @@ public:
             m_made.reset(newPlainScope(*m_loader, m_parent, *m_plain, start, end));
         return m_made.get();
     }
-    std::uint32_t nameHash() const { return m_plain ? hashOfName(m_plain->name) : hashOfName(*m_scope); }
+    /// The names, null without a symbol.
+    const char* rawName() {
+        if (m_plain)
+            return m_plain->name;
+        ISymbol* symbol = m_scope->symbol();
+        return symbol ? symbol->rawName() : nullptr;
+    }
+    const char* shortName() {
+        ISymbol* symbol = scope()->symbol();
+        return symbol ? symbol->shortName() : nullptr;
+    }
 
     /// The rule of plain symbols, without their scopes.
     bool isSameAs(const CellEntry& entry) const {
@@ -158,6 +153,40 @@ private:
     IFileFormatLoader* m_loader;
     Scope* m_parent;
     std::unique_ptr<Scope> m_made;
+};
+
+/// The entries that start at one crowded address, by hashes of their names: some modules have thousands of
+/// names for one address, and debug information leaves the functions that the linker dropped all at one. To
+/// compare each with each would take the square of their number.
+struct SymbolTable::Crowd {
+    std::unordered_multimap<std::size_t, CellEntry*> byName;
+    std::vector<CellEntry*> others; ///< of scopes that are not told by their names
+    bool hasShortNames = false;     ///< some are told by their short names too
+
+    void add(CellEntry& entry) {
+        if (entry.isPlain()) {
+            byName.emplace(hashOf(entry.name), &entry);
+            return;
+        }
+        ISymbol* symbol = entry.scope->symbol();
+        if (!symbol || entry.scope->toldBy() == Scope::ToldBy::Anything) {
+            others.push_back(&entry);
+            return;
+        }
+        byName.emplace(hashOf(symbol->rawName()), &entry);
+        if (entry.scope->toldBy() == Scope::ToldBy::AnyName) {
+            byName.emplace(hashOf(symbol->shortName()), &entry);
+            hasShortNames = true;
+        }
+    }
+
+    void collect(std::string_view name, std::vector<CellEntry*>& out) const {
+        for (std::string_view form : {name, withoutFinalDot(name)}) {
+            auto [first, last] = byName.equal_range(hashOf(form));
+            for (; first != last; ++first)
+                out.push_back(first->second);
+        }
+    }
 };
 
 ISymbolTable* ISymbolTable::create(Scope* scope) {
@@ -330,20 +359,27 @@ CellEntry* SymbolTable::addEntry(Newcomer& newcomer) {
     else
         list(m_cells.listAt(cell), entry);
     extend(cell, entry, start);
+    if (auto crowd = m_crowds.find(start); crowd != m_crowds.end() && crowd->second)
+        crowd->second->add(*entry);
     return entry;
 }
 
-/// Asks the entries that start where the newcomer starts. Null: none of them is the same thing. Some modules
-/// have thousands of names for one address: then hashes spare the comparisons that would give nothing.
+/// Asks the entries that start where the newcomer starts. Null: none of them is the same thing.
 CellEntry* SymbolTable::settleWithExisting(Position cell, Newcomer& newcomer) {
-    const unsigned long long key = m_cells.keyAt(cell);
     const CellList& holder = m_cells.listAt(cell);
+    if (holder.size() > crowdedList && newcomer.rawName())
+        return settleAmong(namesakesOf(newcomer, cell), cell, newcomer);
+    return settleAmong(holder, cell, newcomer);
+}
+
+template <typename Entries>
+CellEntry* SymbolTable::settleAmong(const Entries& entries, Position cell, Newcomer& newcomer) {
+    const unsigned long long key = m_cells.keyAt(cell);
     unsigned long long nextKey = 0;
     Scope* nextScope = nullptr;
     bool isNeighbourKnown = false;
-    std::uint32_t nameHash = holder.size() > crowdedList ? newcomer.nameHash() : 0;
-    for (CellEntry* entry : holder) {
-        if (entry->start != key || (nameHash != 0 && hasOtherName(*entry, nameHash)))
+    for (CellEntry* entry : entries) {
+        if (entry->start != key)
             continue;
         if (newcomer.plain() && entry->isPlain() && !madeScope(*entry)) {
             if (newcomer.isSameAs(*entry))
@@ -360,6 +396,37 @@ CellEntry* SymbolTable::settleWithExisting(Position cell, Newcomer& newcomer) {
             return mergeInto(entry, newcomer.end, newcomer.scope(), bits);
     }
     return nullptr;
+}
+
+SymbolTable::Crowd& SymbolTable::crowdAt(Position cell) {
+    const unsigned long long key = m_cells.keyAt(cell);
+    std::unique_ptr<Crowd>& place = m_crowds[key];
+    if (place)
+        return *place;
+    auto made = std::make_unique<Crowd>();
+    for (CellEntry* entry : m_cells.listAt(cell))
+        if (entry->start == key)
+            made->add(*entry);
+    place = std::move(made);
+    return *place;
+}
+
+/// Those of a crowded cell that may be the same thing, in the order of its list.
+std::vector<CellEntry*> SymbolTable::namesakesOf(Newcomer& newcomer, Position cell) {
+    Crowd& crowd = crowdAt(cell);
+    std::vector<CellEntry*> found = crowd.others;
+    crowd.collect(newcomer.rawName(), found);
+    if (crowd.hasShortNames)
+        crowd.collect(newcomer.shortName(), found);
+    std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    if (found.size() < 2)
+        return found;
+    std::vector<CellEntry*> inOrder;
+    for (CellEntry* entry : m_cells.listAt(cell))
+        if (std::binary_search(found.begin(), found.end(), entry))
+            inOrder.push_back(entry);
+    return inOrder;
 }
 
 /// The next cell, and the last listed scope that starts there.
@@ -392,6 +459,9 @@ CellEntry* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scop
         removeFurtherRanges(entry->scope);
     }
     entry->scope->merge(scope, bits);
+    if (bits & scopeMatch_TakeName)
+        if (auto crowd = m_crowds.find(entry->start); crowd != m_crowds.end() && crowd->second)
+            crowd->second->add(*entry); // under its new names too
     if (bits & (scopeMatch_Grow | scopeMatch_Fold)) {
         entry->end = end;
         putBack(entry, knownUpTo);
@@ -403,7 +473,7 @@ CellEntry* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scop
 
 CellEntry* SymbolTable::newEntry(const Newcomer& newcomer) {
     CellEntry* entry = m_entryPool.allocate();
-    *entry = {newcomer.start, newcomer.end, newcomer.lastingScope(), nullptr, 0, 0, 0};
+    *entry = {newcomer.start, newcomer.end, newcomer.lastingScope(), nullptr, 0, 0};
     if (const PlainSymbol* plain = newcomer.plain()) {
         entry->name = plain->name;
         entry->kind = static_cast<std::uint8_t>(plain->kind);
@@ -530,6 +600,8 @@ SymbolTable::Position SymbolTable::removeMatching(Position cell,
     if (found != holder.end()) {
         if ((*found)->start != m_cells.keyAt(cell))
             --m_furtherListings;
+        else
+            m_crowds.erase((*found)->start); // made anew when it is needed
         holder.erase(m_listStore, static_cast<std::size_t>(found - holder.begin()));
     }
     return holder.isEmpty() ? m_cells.erase(cell) : m_cells.next(cell);

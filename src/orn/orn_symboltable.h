@@ -5,6 +5,8 @@
 #include "orn_scope.h"
 #include "orn_symboltable_cells.h"
 
+#include <memory>
+#include <unordered_map>
 #include <vector>
 
 namespace ORN_3_30 {
@@ -86,11 +88,16 @@ private:
     using Position = CellIndex::Position;
 
     class Newcomer;
+    struct Crowd;
 
     // Adding.
     CellEntry* addEntry(unsigned long long start, unsigned long long end, Scope* scope);
     CellEntry* addEntry(Newcomer& newcomer);
     CellEntry* settleWithExisting(Position cell, Newcomer& newcomer);
+    template <typename Entries>
+    CellEntry* settleAmong(const Entries& entries, Position cell, Newcomer& newcomer);
+    Crowd& crowdAt(Position cell);
+    std::vector<CellEntry*> namesakesOf(Newcomer& newcomer, Position cell);
     void findNeighbour(Position cell, unsigned long long& nextKey, Scope*& nextScope);
     CellEntry* mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits);
     void addScopeRanges(Scope* scope, bool& added, Scope*& survivor);
@@ -134,6 +141,8 @@ private:
     CellIndex m_cells;
     std::vector<Scope*> m_scopes;     ///< owned; deleted directly, whatever their counts
     IFileFormatLoader* m_plainLoader; ///< borrowed: of the plain symbols
+    std::unordered_map<unsigned long long, std::unique_ptr<Crowd>>
+        m_crowds; ///< by the address where the entries start
     RecordPool<CellEntry> m_entryPool;
     ListStore m_listStore;
     unsigned long long m_entryCount;

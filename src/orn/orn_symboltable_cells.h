@@ -36,7 +36,6 @@ struct CellEntry {
     unsigned long long end;
     Scope* scope;           ///< null: a plain symbol whose scope is not made yet, see SymbolTable::scopeOf
     const char* name;       ///< of a plain symbol, borrowed; otherwise null
-    std::uint32_t nameHash; ///< 0 until crowded cells need it, see SymbolTable
     std::uint8_t kind;      ///< of a plain symbol: symbol_kind_t, which has no value above 16
     std::uint8_t visibility;
 
