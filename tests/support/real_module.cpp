@@ -238,10 +238,11 @@ std::string RealModule::explain(const std::string& answer, std::uint64_t address
     for (auto it = begin; it != end; ++it)
         if (isNamed(it->second, answer))
             return "answered by a name of the table at that address";
-    for (const auto& [start, symbol] : m_kept) {
-        if (start > address)
+    for (const auto& kept : m_kept) {
+        const ElfSymbol& symbol = kept.second; // no structured binding: a lambda could not take it
+        if (kept.first > address)
             break;
-        const bool covers = address < start + symbol.size;
+        const bool covers = address < kept.first + symbol.size;
         if (covers && isNamed(symbol, answer) &&
             std::all_of(begin, end, [&](const auto& here) { return outranks(symbol, here.second); }))
             return "covered by a stronger symbol";
