@@ -31,7 +31,9 @@ ISourceLocation* DWARFInlineInstance::ensureLocation() {
     if (!m_callSite.exists())
         return nullptr;
     DWARFDebugInfoLoader* loader = m_callSite.unit->getLoader();
-    ScopedLock guard(loader ? loader->loadLock() : nullptr);
+    if (!loader)
+        return nullptr;
+    ScopedLock guard(loader->loadLock());
     m_location.make(m_callSite);
     return m_location.get();
 }

@@ -151,8 +151,11 @@ status_t DWARFSymbol::sourceLocation(SymMgrObjectPtr<ISourceLocation>& out) {
 ISourceLocation* DWARFSymbol::ensureLocation() {
     if (ISourceLocation* known = m_location.get())
         return known;
+    // The abbreviations go with the loader: without it no entry can be read.
     DWARFDebugInfoLoader* loader = m_unit->getLoader();
-    ScopedLock guard(loader ? loader->loadLock() : nullptr);
+    if (!loader)
+        return nullptr;
+    ScopedLock guard(loader->loadLock());
     AttrBindings entry(m_unit);
     if (!m_unit->readAttrBindingsAt(m_entryOffset, entry))
         return nullptr;
