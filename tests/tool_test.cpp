@@ -124,7 +124,7 @@ std::map<std::string, unsigned long long> Tool::s_symbols;
 // ---- Usage
 
 TEST_F(Tool, HelpStandsEverywhereAndIsNoError) {
-    for (const char* verb : {"", "symbolize", "info", "symbols"}) {
+    for (const char* verb : {"", "symbolize", "info", "symbols", "lines", "units"}) {
         std::vector<std::string> arguments = {verb, "--help"};
         if (arguments[0].empty())
             arguments.erase(arguments.begin());
@@ -170,7 +170,7 @@ TEST_F(Tool, WrongAddressIsNamedAndNothingIsAnswered) {
 // ---- Modules that cannot be loaded
 
 void expectNotLoaded(const std::string& path, const std::string& status, const std::string& advice) {
-    for (const char* verb : {"symbolize", "info", "symbols"}) {
+    for (const char* verb : {"symbolize", "info", "symbols", "units"}) {
         const ProcessResult result = orn({verb, path});
         EXPECT_EQ(result.exitStatus, 1) << verb << ' ' << path;
         EXPECT_EQ(result.output, "") << verb << ' ' << path;

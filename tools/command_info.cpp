@@ -12,6 +12,8 @@
 
 namespace orn_tool {
 
+using enum ORN_3_30::symbol_file_state_t;
+
 namespace {
 
 using Align = TextTable::Align;
@@ -47,12 +49,24 @@ void printTable(Output& output, std::string_view title, const TextTable& table) 
         table.print(output, 2);
 }
 
+/// Its state and, of one that was not taken, what more there is to say of that.
+std::string fateOf(const Candidate& candidate) {
+    std::string fate = wordForCandidate(candidate.state);
+    if (candidate.isChosen)
+        return fate + ", chosen";
+    if (candidate.state == symbol_file_usable)
+        fate += ", not needed";
+    else if (candidate.isSearched && candidate.refused.empty())
+        fate += ", not found";
+    for (const std::string& path : candidate.refused)
+        fate += ", refused " + printable(path);
+    return fate;
+}
+
 void printCandidates(Output& output, const ModuleDescription& module) {
     TextTable table({{"format", Align::Left}, {"state", Align::Left}, {"wanted", Align::Left}});
     for (const Candidate& candidate : module.candidates)
-        table.addRow({wordForSymbolFile(candidate.kind),
-                      std::string(wordForCandidate(candidate.state)) + (candidate.isChosen ? ", chosen" : ""),
-                      orDash(candidate.wantedName)});
+        table.addRow({wordForSymbolFile(candidate.kind), fateOf(candidate), orDash(candidate.wantedName)});
     printTable(output, "Candidates for the symbol file", table);
 }
 
@@ -127,7 +141,10 @@ void putCandidates(JsonWriter& json, const ModuleDescription& module) {
         json.key("state").number(candidate.state).key("meaning").string(wordForCandidate(candidate.state));
         json.key("wanted").string(candidate.wantedName);
         json.key("required").boolean(candidate.isRequired).key("chosen").boolean(candidate.isChosen);
-        json.endObject();
+        json.key("searched").boolean(candidate.isSearched).key("refused").beginArray();
+        for (const std::string& path : candidate.refused)
+            json.string(path);
+        json.endArray().endObject();
     }
     json.endArray();
 }

@@ -11,7 +11,7 @@
 namespace orn_tool {
 
 struct SymbolizeOptions {
-    std::string module;
+    ModuleChoice module;
     std::vector<std::string> addresses; ///< none: from standard input
     AddressSpace space = AddressSpace::Pseudo;
     bool asJson = false;
@@ -19,18 +19,34 @@ struct SymbolizeOptions {
 int runSymbolize(const SymbolizeOptions& options);
 
 struct InfoOptions {
-    std::string module;
+    ModuleChoice module;
     bool asJson = false;
 };
 int runInfo(const InfoOptions& options);
 
 struct SymbolsOptions {
-    std::string module;
+    ModuleChoice module;
     std::vector<std::string> kinds; ///< words of kindWords(); none: all
     bool isCut = false;
     bool asJson = false;
 };
 int runSymbols(const SymbolsOptions& options);
+
+/// One of `range`, `file` and `symbol` says what is asked.
+struct LinesOptions {
+    ModuleChoice module;
+    std::vector<std::string> range; ///< two addresses
+    std::string file;               ///< with or without ":LINE"
+    std::string symbol;
+    bool asJson = false;
+};
+int runLines(const LinesOptions& options);
+
+struct UnitsOptions {
+    ModuleChoice module;
+    bool asJson = false;
+};
+int runUnits(const UnitsOptions& options);
 
 } // namespace orn_tool
 

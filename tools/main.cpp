@@ -19,8 +19,15 @@ namespace {
 /// The verb that was asked for, with its options bound.
 using Verb = std::function<int()>;
 
-void addModule(CLI::App& command, std::string& module) {
-    command.add_option("MODULE", module, "Program, library, kernel module or other module file")->required();
+void addModule(CLI::App& command, ModuleChoice& module) {
+    command.add_option("MODULE", module.path, "Program, library, kernel module or other module file")
+        ->required();
+    command
+        .add_option("--debug-dir", module.debugDirectories,
+                    "Search debug files here, by build id and by debug link; may be given several times")
+        ->type_name("DIR")
+        ->capture_default_str()
+        ->allow_extra_args(false);
 }
 
 void addJson(CLI::App& command, bool& asJson) {
@@ -65,6 +72,31 @@ void addSymbols(CLI::App& app, SymbolsOptions& options, Verb& verb) {
     command->callback([&options, &verb] { verb = [&options] { return runSymbols(options); }; });
 }
 
+void addLines(CLI::App& app, LinesOptions& options, Verb& verb) {
+    CLI::App* command =
+        app.add_subcommand("lines", "Tell the source lines of code, and the code of source lines");
+    command->footer("Columns: begin, end, position. A file is named by its path or by the end of it, from a\n"
+                    "directory on; a symbol by its raw, short or full name, with or without parameters.");
+    addModule(*command, options.module);
+    CLI::Option_group* question = command->add_option_group("Question", "What is asked; one of");
+    question->add_option("--range", options.range, "Lines of the addresses [LOW, HIGH), in hexadecimal")
+        ->type_name("LOW HIGH")
+        ->expected(2);
+    question->add_option("--file", options.file, "Addresses of a file or of one line of it")
+        ->type_name("NAME[:LINE]");
+    question->add_option("--symbol", options.symbol, "Lines of the symbols of that name")->type_name("NAME");
+    question->require_option(1);
+    addJson(*command, options.asJson);
+    command->callback([&options, &verb] { verb = [&options] { return runLines(options); }; });
+}
+
+void addUnits(CLI::App& app, UnitsOptions& options, Verb& verb) {
+    CLI::App* command = app.add_subcommand("units", "List the compilation units that own symbols");
+    addModule(*command, options.module);
+    addJson(*command, options.asJson);
+    command->callback([&options, &verb] { verb = [&options] { return runUnits(options); }; });
+}
+
 int runProgram(int argc, char** argv) {
     CLI::App app("Turns addresses of module files into names.", "orn");
     app.require_subcommand(1);
@@ -74,10 +106,14 @@ int runProgram(int argc, char** argv) {
     SymbolizeOptions symbolize;
     InfoOptions info;
     SymbolsOptions symbols;
+    LinesOptions lines;
+    UnitsOptions units;
     Verb verb;
     addSymbolize(app, symbolize, verb);
     addInfo(app, info, verb);
     addSymbols(app, symbols, verb);
+    addLines(app, lines, verb);
+    addUnits(app, units, verb);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& result) {

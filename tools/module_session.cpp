@@ -1,5 +1,4 @@
-// Loads the module of a verb and says what is wrong if it cannot. The candidates for the symbol file are seen
-// by taking part in the choice: the library shows them to nobody else.
+// Loads the module of a verb and says what is wrong if it cannot.
 
 #include "module_session.h"
 
@@ -11,54 +10,14 @@
 
 namespace orn_tool {
 
-using ORN_3_30::IIterator;
 using ORN_3_30::isFailure;
-using ORN_3_30::ISymbolFileResolver;
-using ORN_3_30::ISymbolFileToResolve;
 using ORN_3_30::ISymbolManager;
 using ORN_3_30::status_t;
-using ORN_3_30::SymMgrObjectPtr;
 using ORN_3_30::toUString;
 using enum ORN_3_30::arch_t;
 using enum ORN_3_30::status_t;
 
 namespace {
-
-/// Chooses as the library's own resolver does, the first that is usable as it stands, and writes down what
-/// there was.
-class RecordingResolver : public ISymbolFileResolver {
-public:
-    explicit RecordingResolver(std::vector<Candidate>& record) : m_record(record) {}
-
-    long long resolveSymbolFile(
-        SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolFileToResolve>>>& candidates) override {
-        constexpr unsigned usable = 1;
-        long long chosen = -1;
-        m_record.clear();
-        candidates->reset();
-        while (SymMgrObjectPtr<ISymbolFileToResolve> candidate = candidates->current()) {
-            const unsigned state = candidate->state();
-            const bool isChosen = chosen < 0 && state == usable;
-            if (isChosen)
-                chosen = static_cast<long long>(m_record.size());
-            const char* wanted = candidate->wantedName();
-            m_record.push_back(
-                {wanted ? wanted : "", candidate->kind(), state, candidate->isRequired() != 0, isChosen});
-            if (!candidates->next())
-                break;
-        }
-        return chosen;
-    }
-
-private:
-    std::vector<Candidate>& m_record;
-};
-
-void printError(const std::string& line) {
-    Output error(STDERR_FILENO);
-    error.put("orn: ").put(line).put('\n');
-    error.flush();
-}
 
 std::string adviceForUnopened(const std::string& path) {
     struct stat info = {};
@@ -111,19 +70,25 @@ std::string adviceFor(const std::string& path, status_t status) {
 bool ModuleSession::load() {
     status_t status = ISymbolManager::create(m_manager);
     if (!isFailure(status)) {
-        RecordingResolver resolver(m_candidates);
+        DebugFileSearch resolver(m_choice.debugDirectories, m_candidates);
         status =
-            m_manager->loadSymbolsFromModule(m_path.c_str(), &resolver, m_bank, arch_unknown, false, nullptr);
+            m_manager->loadSymbolsFromModule(path().c_str(), &resolver, m_bank, arch_unknown, false, nullptr);
     }
     if (!isFailure(status) && !m_bank)
         status = status_Fail;
     if (isFailure(status))
-        reportFailure(m_path, status);
+        reportFailure(path(), status);
     return !isFailure(status);
 }
 
 std::size_t ModuleSession::addressWidth() const {
     return hexText(m_bank->preferredLoadAddress() + m_bank->imageSize()).size();
+}
+
+void printError(const std::string& line) {
+    Output error(STDERR_FILENO);
+    error.put("orn: ").put(line).put('\n');
+    error.flush();
 }
 
 int finish(Output& output) {

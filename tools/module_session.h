@@ -2,6 +2,8 @@
 #ifndef ORN_TOOLS_MODULE_SESSION_H
 #define ORN_TOOLS_MODULE_SESSION_H
 
+#include "debug_file_search.h"
+
 #include "orn/module_symbol_bank.h"
 #include "orn/symbol_manager.h"
 
@@ -13,19 +15,16 @@ namespace orn_tool {
 /// Exit status of the program. A write that fails counts as the first of the two failures.
 enum exit_status_t : int { exit_Done = 0, exit_NotLoaded = 1, exit_Usage = 2 };
 
-/// A candidate for the module's symbol file as it was when the choice was made.
-struct Candidate {
-    std::string wantedName;
-    unsigned kind;  ///< symbol_file_type_t
-    unsigned state; ///< as of ISymbolFileToResolve
-    bool isRequired;
-    bool isChosen;
+/// What a verb is asked about, and where debug files that are not beside it may lie.
+struct ModuleChoice {
+    std::string path;
+    std::vector<std::string> debugDirectories = {"/usr/lib/debug"};
 };
 
 /// Holds the manager and the bank, and with them everything that a verb asks for.
 class ModuleSession {
 public:
-    explicit ModuleSession(std::string path) : m_path(std::move(path)) {}
+    explicit ModuleSession(ModuleChoice choice) : m_choice(std::move(choice)) {}
     ModuleSession(const ModuleSession&) = delete;
     ModuleSession& operator=(const ModuleSession&) = delete;
 
@@ -33,14 +32,14 @@ public:
     bool load();
 
     /// As it stands on the command line.
-    const std::string& path() const { return m_path; }
+    const std::string& path() const { return m_choice.path; }
     ORN_3_30::IModuleSymbolBank& bank() const { return *m_bank; }
     const std::vector<Candidate>& candidates() const { return m_candidates; }
     /// How wide the addresses of the module are as text, so that they stand in columns.
     std::size_t addressWidth() const;
 
 private:
-    std::string m_path;
+    ModuleChoice m_choice;
     ORN_3_30::SymMgrObjectPtr<ORN_3_30::ISymbolManager> m_manager;
     ORN_3_30::SymMgrObjectPtr<ORN_3_30::IModuleSymbolBank> m_bank;
     std::vector<Candidate> m_candidates;
@@ -53,6 +52,9 @@ int finish(Output& output);
 
 /// The one line about a module that cannot be loaded: path, status, and what a person can do.
 void reportFailure(const std::string& path, ORN_3_30::status_t status);
+
+/// One line of the program's own on standard error.
+void printError(const std::string& line);
 
 /// Says that symbols could be read in part only.
 void warnAboutSymbols(const std::string& path, ORN_3_30::status_t status);

@@ -7,10 +7,12 @@ namespace orn_tool {
 
 using ORN_3_30::arch_t;
 using ORN_3_30::exec_format_t;
+using ORN_3_30::language_t;
 using ORN_3_30::symbol_kind_t;
 using ORN_3_30::symbol_visibility_t;
 using enum ORN_3_30::arch_t;
 using enum ORN_3_30::exec_format_t;
+using enum ORN_3_30::language_t;
 using enum ORN_3_30::symbol_file_type_t;
 using enum ORN_3_30::symbol_kind_t;
 using enum ORN_3_30::symbol_visibility_t;
@@ -72,6 +74,20 @@ const char* wordFor(arch_t architecture) {
     default:
         return architecture >= arch_gpu_tav_first && architecture <= arch_gpu_lun_last ? "gpu" : "unknown";
     }
+}
+
+const char* wordFor(language_t language) {
+    switch (language) {
+    case language_Ada:
+        return "ada";
+    case language_C:
+        return "c";
+    case language_Cplusplus:
+        return "c++";
+    case language_Fortran:
+        return "fortran";
+    }
+    return "unknown";
 }
 
 const char* wordForSymbolFile(unsigned type) {

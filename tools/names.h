@@ -14,6 +14,7 @@ const char* wordFor(ORN_3_30::symbol_kind_t kind);
 const char* wordFor(ORN_3_30::symbol_visibility_t visibility);
 const char* wordFor(ORN_3_30::exec_format_t format);
 const char* wordFor(ORN_3_30::arch_t architecture);
+const char* wordFor(ORN_3_30::language_t language);
 /// `type`: a value of symbol_file_type_t.
 const char* wordForSymbolFile(unsigned type);
 /// `state`: what ISymbolFileToResolve::state() gives.
