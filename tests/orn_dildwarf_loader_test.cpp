@@ -21,7 +21,6 @@ using ::testing::SizeIs;
 using ::testing::UnorderedElementsAre;
 using M = DwarfModule;
 
-
 class Environment {
 public:
     Environment(const char* name, const char* value) : m_name(name) { ::setenv(name, value, 1); }

@@ -34,9 +34,9 @@ std::size_t partitionPoint(std::size_t count, const IsBefore& isBefore) {
 struct CellEntry {
     unsigned long long start;
     unsigned long long end;
-    Scope* scope;           ///< null: a plain symbol whose scope is not made yet, see SymbolTable::scopeOf
-    const char* name;       ///< of a plain symbol, borrowed; otherwise null
-    std::uint8_t kind;      ///< of a plain symbol: symbol_kind_t, which has no value above 16
+    Scope* scope;      ///< null: a plain symbol whose scope is not made yet, see SymbolTable::scopeOf
+    const char* name;  ///< of a plain symbol, borrowed; otherwise null
+    std::uint8_t kind; ///< of a plain symbol: symbol_kind_t, which has no value above 16
     std::uint8_t visibility;
 
     bool isEmpty() const { return start == end; }
