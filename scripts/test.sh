@@ -183,7 +183,7 @@ sanitizerWorks() {
 chooseSanitizerOptions() {
     export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_stack_use_after_return=1:check_initialization_order=1}
     export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-    export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+    export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan.supp}
     sanitizerWorks address,undefined && return 0
     ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0
     sanitizerWorks address,undefined || fail "programs under the address sanitizer do not run on this machine"

@@ -6,13 +6,22 @@
 #include <cstdlib>
 #include <new>
 
+// clang's thread sanitizer brings operator new as an ordinary object, and a program can have one only.
+#define ORN_TEST_REPLACES_NEW 1
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#undef ORN_TEST_REPLACES_NEW
+#define ORN_TEST_REPLACES_NEW 0
+#endif
+#endif
+
 namespace {
 
 thread_local unsigned long t_untilFailure = 0; // 0: none is to fail
 thread_local bool t_hasFailed = false;
 thread_local long t_live = 0;
 
-void* allocate(std::size_t size) noexcept {
+[[maybe_unused]] void* allocate(std::size_t size) noexcept {
     if (t_untilFailure != 0 && --t_untilFailure == 0) {
         t_hasFailed = true;
         return nullptr;
@@ -23,19 +32,21 @@ void* allocate(std::size_t size) noexcept {
     return block;
 }
 
-void* allocateOrThrow(std::size_t size) {
+[[maybe_unused]] void* allocateOrThrow(std::size_t size) {
     if (void* block = allocate(size))
         return block;
     throw std::bad_alloc();
 }
 
-void deallocate(void* block) noexcept {
+[[maybe_unused]] void deallocate(void* block) noexcept {
     if (block)
         --t_live;
     std::free(block);
 }
 
 } // namespace
+
+#if ORN_TEST_REPLACES_NEW
 
 void* operator new(std::size_t size) {
     return allocateOrThrow(size);
@@ -68,6 +79,8 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
     deallocate(block);
 }
 
+#endif
+
 // An allocator of a sanitizer ends the program at a size that no memory can have; malloc() refuses it. The
 // sanitizer looks these up by name in the finished program.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
@@ -78,6 +91,10 @@ extern "C" __attribute__((visibility("default"))) const char* __tsan_default_opt
 }
 
 namespace ORN_3_30::test {
+
+bool canFailAllocations() {
+    return ORN_TEST_REPLACES_NEW != 0;
+}
 
 FailingAllocation::FailingAllocation(unsigned long number) {
     t_hasFailed = false;

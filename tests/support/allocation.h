@@ -4,6 +4,10 @@
 
 namespace ORN_3_30::test {
 
+/// False where the thread sanitizer's runtime keeps operator new for itself: then nothing fails and nothing
+/// is counted.
+bool canFailAllocations();
+
 /// While it lives, one allocation of this thread fails: number `number`, counted from 1. Not nested.
 class FailingAllocation {
 public:
