@@ -35,6 +35,10 @@ std::string directoryOf(const std::string& path) {
     return error ? std::string() : real.parent_path().string();
 }
 
+std::string pathIn(std::string directory, const std::string& name) {
+    return directory.append(1, '/').append(name);
+}
+
 } // namespace
 
 long long DebugFileSearch::resolveSymbolFile(
@@ -85,8 +89,8 @@ std::vector<std::string> DebugFileSearch::placesOf(ISymbolFileToResolve& candida
     const std::string moduleDirectory = isByBuildId ? "" : directoryOf(textOf(candidate.modulePath()));
     for (const std::string& directory : m_directories) {
         if (!moduleDirectory.empty())
-            places.push_back(directory + moduleDirectory + '/' + name);
-        places.push_back(directory + '/' + name);
+            places.push_back(pathIn(directory + moduleDirectory, name));
+        places.push_back(pathIn(directory, name));
     }
     return places;
 }

@@ -18,7 +18,6 @@ using ORN_3_30::isFailure;
 using ORN_3_30::ISourceFile;
 using ORN_3_30::ISourceLine;
 using ORN_3_30::ISourceLocation;
-using ORN_3_30::ISymbolFileResolver;
 using ORN_3_30::ISymbolFileToResolve;
 using ORN_3_30::status_t;
 using ORN_3_30::SymMgrObjectPtr;

@@ -84,6 +84,7 @@ public:
     unsigned addRef() override { return m_refCountHelper.addRef(); }
     unsigned release() override { return m_refCountHelper.release(); }
 
+    // NOLINTNEXTLINE(modernize-use-override): only some interfaces have a virtual destructor
     virtual ~SymMgrObject() {}
     virtual void refCount(unsigned& count) const { m_refCountHelper.refCount(count); }
     void onLastRelease() override { delete this; }

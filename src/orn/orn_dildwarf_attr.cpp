@@ -394,7 +394,7 @@ void AttrBindings::reset(DWARFCompilationUnit* compUnit) {
 void AttrBindings::reserve(std::uint32_t count) {
     if (count <= m_capacity)
         return;
-    m_nodes.reset(new AttrBinding[count]);
+    m_nodes = std::make_unique_for_overwrite<AttrBinding[]>(count);
     m_capacity = count;
 }
 

@@ -31,7 +31,7 @@ bool isELF(IModuleImage& image) {
 }
 
 /// Without a loader in `out` the status says why.
-status_t recognise(SymMgrObjectPtr<IFileFormatLoader>& out, SymMgrObjectPtr<IModuleImage> image) {
+status_t recognise(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPtr<IModuleImage>& image) {
     if (!hasKernelName(image->getPath()) && isPE(image->getPath())) {
         // A module that is embedded in a PE container is always ELF, whatever its bytes say: the loader's
         // status tells.
@@ -47,7 +47,7 @@ status_t recognise(SymMgrObjectPtr<IFileFormatLoader>& out, SymMgrObjectPtr<IMod
 }
 
 /// IFileFormatLoader::create without trace and catch.
-status_t makeLoader(SymMgrObjectPtr<IFileFormatLoader>& out, SymMgrObjectPtr<IModuleImage> image) {
+status_t makeLoader(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPtr<IModuleImage>& image) {
     out = nullptr;
     if (!image)
         return status_InvalidArg;
@@ -58,7 +58,8 @@ status_t makeLoader(SymMgrObjectPtr<IFileFormatLoader>& out, SymMgrObjectPtr<IMo
 
 namespace internal {
 
-status_t createFileFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& out, SymMgrObjectPtr<IModuleImage> image,
+status_t createFileFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& out,
+                                const SymMgrObjectPtr<IModuleImage>& image,
                                 [[maybe_unused]] const char* kernelName) {
     ORN_TRACE("create");
     return makeLoader(out, image);
@@ -66,9 +67,10 @@ status_t createFileFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& out, SymMgrO
 
 } // namespace internal
 
-status_t IFileFormatLoader::create(SymMgrObjectPtr<IFileFormatLoader>& out,
-                                   SymMgrObjectPtr<IModuleImage> image,
-                                   [[maybe_unused]] const char* kernelName) {
+status_t IFileFormatLoader::create(
+    SymMgrObjectPtr<IFileFormatLoader>& out,
+    SymMgrObjectPtr<IModuleImage> image, // NOLINT(performance-unnecessary-value-param): the interface
+    [[maybe_unused]] const char* kernelName) {
     ORN_TRACE("create");
     try {
         return makeLoader(out, image);

@@ -8,8 +8,8 @@ namespace ORN_3_30::internal {
 
 /// IFileFormatLoader::create, trace included, but an allocation failure stays an exception: the public
 /// operation around it reports it, and it alone.
-status_t createFileFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& out, SymMgrObjectPtr<IModuleImage> image,
-                                const char* kernelName);
+status_t createFileFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& out,
+                                const SymMgrObjectPtr<IModuleImage>& image, const char* kernelName);
 
 } // namespace ORN_3_30::internal
 

@@ -20,7 +20,7 @@ bool hasNoBitsByFlags(const Elf64_Shdr& header) {
 }
 
 ElfFileFormatHelper::ElfFileFormatHelper(SymMgrObjectPtr<ElfHelper> elfHelper)
-    : SymMgrObject<IFileFormatHelper>(nullptr), m_elfHelper(std::move(elfHelper)) {
+    : SymMgrObject<IFileFormatHelper>(nullptr), m_elfHelper(elfHelper) {
     ORN_ASSERT_TEXT(m_elfHelper != nullptr, "elfHelper != NULL");
 }
 
@@ -94,7 +94,7 @@ void ElfFileFormatHelper::getRelocationAddends(SymMgrObjectPtr<RelocationAddends
 ELFSegment::ELFSegment(ElfHelper* elfHelper, IFileFormatLoader* loader, const char* name,
                        unsigned long long rva, unsigned long long fileOffset, unsigned long long fileSize,
                        unsigned long long memorySize, unsigned kind)
-    : Segment(loader, name, rva, fileOffset, fileSize, memorySize, kind), m_elfHelper(std::move(elfHelper)) {}
+    : Segment(loader, name, rva, fileOffset, fileSize, memorySize, kind), m_elfHelper(elfHelper) {}
 
 // Quirk: the end of the stretch is the segment's size in the file, not its offset plus that size. A segment
 // that does not begin the file misses its last sections, or has none at all.

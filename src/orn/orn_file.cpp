@@ -275,7 +275,7 @@ bool currentDirectory(std::string& out) {
         }
         buffer.resize(buffer.size() * 2);
     }
-    out.assign(buffer.c_str());
+    out.assign(buffer, 0, std::strlen(buffer.data()));
     return true;
 }
 
@@ -325,7 +325,8 @@ bool removeTree(const std::string& path) {
     // The names are collected first. So no directory stays open on the way down, where a deep tree would use
     // up the descriptors of the process, and none changes while it is read.
     for (const std::string& name : directoryEntries(path)) {
-        const std::string entry = path + '/' + name;
+        std::string entry = path;
+        entry.append(1, '/').append(name);
         struct stat info;
         if (::lstat(entry.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
             removeTree(entry);

@@ -144,7 +144,7 @@ namespace {
 /// one with a stream decides where it begins, and the last one of all where the readable part ends.
 class CompressImageFinder final : public ElfHelper::IProgramHeadersCallback {
 public:
-    explicit CompressImageFinder(SymMgrObjectPtr<IModuleImage> image) : m_image(image) {}
+    explicit CompressImageFinder(SymMgrObjectPtr<IModuleImage> image) : m_image(std::move(image)) {}
 
     void operator()(const Elf64_Phdr& header, unsigned) override {
         char start[searchedBytes];

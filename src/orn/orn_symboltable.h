@@ -102,7 +102,7 @@ private:
     CellEntry* mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits);
     void addScopeRanges(Scope* scope, bool& added, Scope*& survivor);
     void addScopeThunks(Scope* scope, bool& added, Scope* target);
-    void addThunkEntry(Scope* scope, IThunk* thunk, bool& added, Scope* target);
+    void addThunkEntry(Scope* scope, IThunk* held, bool& added, Scope* target);
     template <typename Add>
     int takeScope(Scope* scope, const Add& add);
 
