@@ -20,7 +20,7 @@ bool hasNoBitsByFlags(const Elf64_Shdr& header) {
 }
 
 ElfFileFormatHelper::ElfFileFormatHelper(SymMgrObjectPtr<ElfHelper> elfHelper)
-    : SymMgrObject<IFileFormatHelper>(nullptr), m_elfHelper(elfHelper) {
+    : SymMgrObject<IFileFormatHelper>(nullptr), m_elfHelper(std::move(elfHelper)) {
     ORN_ASSERT_TEXT(m_elfHelper != nullptr, "elfHelper != NULL");
 }
 

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <limits>
 #include <string_view>
+#include <utility>
 
 #include <elf.h>
 
