@@ -46,7 +46,7 @@ exampleAddresses() {
 resolveExample() {
     local module=$root/build/quickstart/example addresses inside answer name
     mkdir -p "${module%/*}"
-    show gcc -g -O1 -o "$module" "$root/examples/quickstart/example.c"
+    show gcc -gdwarf-4 -O1 -o "$module" "$root/examples/quickstart/example.c"
     mapfile -t addresses < <(exampleAddresses "$module")
     ((${#addresses[@]} > 0)) || fail "nm shows no function of the example in $module"
     printf -v inside '0x%x' $((addresses[0] + 4))
