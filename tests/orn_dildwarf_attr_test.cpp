@@ -514,7 +514,7 @@ TEST_F(AttrBindingsTest, AnEntryOutsideTheViewReadsAsNull) {
 
 class OriginTest : public AttrBindingsTest {
 protected:
-    /// Code 1: a name; 2: an origin; 3: a specification and a type; 4: both references.
+    /// Code 1: a name; 2: an origin; 3: a declaration and a type; 4: both references.
     OriginTest() {
         m_dwarf.abbreviation(1, DW_TAG_subprogram, false, {{DW_AT_name, DW_FORM_string}});
         m_dwarf.abbreviation(2, DW_TAG_subprogram, false, {{DW_AT_abstract_origin, DW_FORM_ref4}});

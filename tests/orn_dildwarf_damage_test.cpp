@@ -38,8 +38,8 @@ protected:
         module.open(DW_TAG_array_type, M::type("int"), "a");
         module.leaf(DW_TAG_subrange_type, {{DW_AT_upper_bound, DW_FORM_sdata, 9}}).close();
         module.leaf(DW_TAG_variable, M::named("w") + M::place(0x2100) + M::type("a"));
-        module.leaf(DW_TAG_subprogram,
-                    M::specification("method") + DwarfAttrs{{DW_AT_inline, DW_FORM_data1, 1}}, "abstract");
+        module.leaf(DW_TAG_subprogram, M::declaredBy("method") + DwarfAttrs{{DW_AT_inline, DW_FORM_data1, 1}},
+                    "abstract");
         module.openFunction("f", 0x1000, 0x200).open(DW_TAG_lexical_block);
         module.open(DW_TAG_inlined_subroutine,
                     M::origin("abstract") + M::code(0x1010, 0x40) + M::called(1, 5));

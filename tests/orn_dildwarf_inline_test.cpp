@@ -258,10 +258,10 @@ protected:
 
 TEST_F(DwarfInlineNameTest, TheLinkageNameCountsInCplusplusOfADeclaredFunction) {
     EXPECT_EQ(nameOf(M::named("d") + linkage("_Z1dv") + declaration()), "_Z1dv");
-    EXPECT_EQ(nameOf(M::specification("declared")), "_ZN1S1dEv");
+    EXPECT_EQ(nameOf(M::declaredBy("declared")), "_ZN1S1dEv");
     EXPECT_EQ(nameOf(M::named("d") + linkage("_Z1dv")), "d");
     EXPECT_EQ(nameOf(M::named("d") + linkage("_Z1dv") + declaration(), DW_LANG_C89), "d");
-    EXPECT_EQ(nameOf(M::specification("declared"), DW_LANG_C89), "declared");
+    EXPECT_EQ(nameOf(M::declaredBy("declared"), DW_LANG_C89), "declared");
 }
 
 TEST_F(DwarfInlineNameTest, TheOlderAttributeComesFirst) {

@@ -282,7 +282,7 @@ TEST_F(DwarfLoaderTest, AddressesAreFoundThroughReferences) {
     m_module.unit();
     m_module.open(DW_TAG_structure_type);
     m_module.leaf(DW_TAG_subprogram, M::code(0x1000, 0x20), "declared").close();
-    m_module.leaf(DW_TAG_subprogram, M::named("f") + M::specification("declared")).endUnit();
+    m_module.leaf(DW_TAG_subprogram, M::named("f") + M::declaredBy("declared")).endUnit();
     EXPECT_THAT(functions(), ElementsAre("f 0x1000-0x1020"));
 }
 
@@ -389,8 +389,8 @@ TEST_F(DwarfNameTest, AnEmptyNameIsNone) {
 TEST_F(DwarfNameTest, FollowsReferences) {
     m_module.unit().open(DW_TAG_structure_type);
     m_module.leaf(DW_TAG_subprogram, M::named("f") + linkage("_ZN1S1fEv"), "declared").close();
-    m_module.leaf(DW_TAG_subprogram,
-                  M::specification("declared") + DwarfAttrs{{DW_AT_inline, DW_FORM_data1, 1}}, "abstract");
+    m_module.leaf(DW_TAG_subprogram, M::declaredBy("declared") + DwarfAttrs{{DW_AT_inline, DW_FORM_data1, 1}},
+                  "abstract");
     m_module.leaf(DW_TAG_subprogram, M::origin("abstract") + M::code(0x1000, 0x20)).endUnit();
     EXPECT_THAT(functions(), ElementsAre("_ZN1S1fEv 0x1000-0x1020"));
 }
@@ -578,7 +578,7 @@ TEST_F(DwarfLoaderTest, AnAddressThatIsCutOffReadsZerosForWhatIsMissing) {
 TEST_F(DwarfLoaderTest, AStaticMemberHasTheNameOfItsDeclaration) {
     m_module.unit().open(DW_TAG_structure_type);
     m_module.leaf(DW_TAG_member, M::named("s"), "declared").close();
-    m_module.leaf(DW_TAG_variable, M::specification("declared") + M::place(0x2000) +
+    m_module.leaf(DW_TAG_variable, M::declaredBy("declared") + M::place(0x2000) +
                                        DwarfAttrs{{DW_AT_linkage_name, DW_FORM_string, "_ZN1S1sE"}});
     m_module.endUnit();
     EXPECT_THAT(m_module.symbols(symbol_kind_variable), ElementsAre("_ZN1S1sE 0x2000-0x2000"));
@@ -790,7 +790,7 @@ TEST_F(DwarfLoaderTest, AFileNumberCountsInTheUnitOfTheEntryThatHoldsIt) {
     m_module.unit(M::lines(first)).open(DW_TAG_structure_type);
     m_module.leaf(DW_TAG_subprogram, M::named("f") + M::declared(1, 5), "declared").close().endUnit();
     m_module.unit(M::lines(second));
-    m_module.leaf(DW_TAG_subprogram, M::specification("declared") + M::code(0x2000, 0x20)).endUnit();
+    m_module.leaf(DW_TAG_subprogram, M::declaredBy("declared") + M::code(0x2000, 0x20)).endUnit();
     SymMgrObjectPtr<ISourceLocation> location;
     ASSERT_EQ(m_module.symbolAt(0x2000)->sourceLocation(location), status_Ok);
     EXPECT_STREQ(location->file()->name(), "declared.h");

@@ -87,7 +87,7 @@ public:
     static DwarfAttrs origin(const char* label) {
         return {{DW_AT_abstract_origin, DW_FORM_ref_addr, orn_test::DwarfValue::ref(label)}};
     }
-    static DwarfAttrs specification(const char* label) {
+    static DwarfAttrs declaredBy(const char* label) {
         return {{DW_AT_specification, DW_FORM_ref_addr, orn_test::DwarfValue::ref(label)}};
     }
     static DwarfAttrs type(const char* label) {
