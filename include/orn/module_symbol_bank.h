@@ -59,9 +59,12 @@ public:
     virtual status_t compUnitDetailsById(unsigned id, ICompUnitDetails*& out) = 0;
     /// Keeps its place; `status_NotImpl`.
     virtual status_t reservedQuery() = 0;
-    /// Optimisation reports anchored in [begin, begin + size).
+    /// Optimisation reports anchored in [begin, begin + size), in the order of addresses; a null begin means
+    /// all. The iterator and its entries are the bank's. The first of these two queries must not race with
+    /// another: it reads the reports.
     virtual status_t optReports(SymMgrObjectPtr<IIterator<IOptReportEntry*>>& out,
                                 SymMgrObjectPtr<IAddress> begin, unsigned long long size) = 0;
+    /// The first report anchored at exactly that address, borrowed. A null address has none.
     virtual status_t optReportAt(SymMgrObjectPtr<IAddress> address, IOptReportEntry*& out) = 0;
     /// The range of the symbol that owns an address. A null address is `status_InvalidArg`; without a
     /// selector the library's ranking decides among several.

@@ -12,6 +12,7 @@
 #include "orn_log.h"
 #include "orn_moduleimage.h"
 #include "orn_symbolfileresolver.h"
+#include "orn_systemmap.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -40,14 +41,32 @@ internal::ElfNameBudget sectionNameBudget(const ElfHelper& helper) {
     return internal::ElfNameBudget(helper.getSectionNamesSize(), helper.getSectionCount());
 }
 
+using Candidates = std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>;
+
 /// Lists the candidate if it wants any file at all. Its index is its place among those listed.
-template <typename Candidate>
-void addCandidate(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles, const char* modulePath,
-                  IFileFormatHelper* helper, ILock* lock) {
-    const auto index = static_cast<long long>(symbolFiles.size());
-    SymMgrObjectPtr<ISymbolFileToResolve> candidate = new Candidate(index, modulePath, helper, lock);
+void addIfWanting(Candidates& symbolFiles, SymMgrObjectPtr<ISymbolFileToResolve> candidate) {
     if (*candidate->wantedName() != '\0')
         symbolFiles.push_back(std::move(candidate));
+}
+
+template <typename Candidate>
+void addCandidate(Candidates& symbolFiles, const char* modulePath, IFileFormatHelper* helper, ILock* lock) {
+    const auto index = static_cast<long long>(symbolFiles.size());
+    addIfWanting(symbolFiles, new Candidate(index, modulePath, helper, lock));
+}
+
+/// The listings of a kernel's symbols. Any part of the path may name the kernel; what is called "kcore" alone
+/// has no "kallsyms" beside it.
+void addKernelListings(Candidates& symbolFiles, const char* modulePath, ILock* lock) {
+    const bool isKernel = std::strstr(modulePath, "vmlinu") != nullptr;
+    const auto add = [&](bool isSystemMap) {
+        const auto index = static_cast<long long>(symbolFiles.size());
+        addIfWanting(symbolFiles, new SystemMap(modulePath, index, lock, isSystemMap));
+    };
+    if (isKernel || std::strstr(modulePath, "kcore"))
+        add(true);
+    if (isKernel)
+        add(false);
 }
 
 } // namespace
@@ -231,7 +250,8 @@ Segment* ElfFileLoader::createSegment(const char* name, unsigned long long rva, 
 }
 
 // The order is the order of preference: a debug file found by build id, one found by debug link, the module
-// itself. A container of managed code is none of these: where one was found, DWARF is not looked for.
+// itself. A container of managed code is none of these: where one was found, DWARF is not looked for. The
+// listings of a kernel come last: a kernel with debug information has more to tell.
 status_t ElfFileLoader::collectSymbolFiles(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles) {
     IModuleImage* image = m_elfHelper->getImage();
     if (!image || !image->getPath())
@@ -239,6 +259,7 @@ status_t ElfFileLoader::collectSymbolFiles(std::vector<SymMgrObjectPtr<ISymbolFi
     readFileInfo();
     if (m_oatDataSize == 0 || !m_oatData || !m_oatExec)
         addDwarfCandidates(symbolFiles);
+    addKernelListings(symbolFiles, image->getPath(), &m_sharedLock);
     return status_Ok;
 }
 
@@ -253,6 +274,8 @@ IDebugInfoLoader* ElfFileLoader::createDebugInfoLoader(const char* path, unsigne
     switch (type) {
     case symbol_file_dwarf:
         return createDwarfLoader(path);
+    case symbol_file_kernel_map:
+        return new SystemMAPDebugInfoLoader(this, path, m_elfHelper, getArch(), debugInfoLock());
     default:
         return nullptr;
     }

@@ -1,7 +1,7 @@
 // The bank's life and its queries. Nearly every query is a trace block around a forward: here it is decided
 // who answers and what a missing answer is reported as. The loading itself lies with the module's scope, the
-// search by ranges in the sibling file. The store of optimisation reports and the traits of managed modules
-// come with the readers of those formats.
+// search by ranges in the sibling file, what is done with optimisation reports with their store. The traits
+// of managed modules come with the readers of those formats.
 
 #include "orn_modulesymbolbank.h"
 
@@ -35,7 +35,8 @@ ModuleSymbolBank::ModuleSymbolBank(IFileFormatLoader* ffl, IDebugInfoLoader* deb
       m_symbolManager(SymbolManager::existing()),
       m_ffl(ffl),
       m_debugInfoLoader(debugInfoLoader),
-      m_globalScope(ffl, debugInfoLoader, &m_lock) {
+      m_globalScope(ffl, debugInfoLoader, &m_lock),
+      m_optReports(ffl, debugInfoLoader) {
     ORN_TRACE("ModuleSymbolBank");
     ORN_ASSERT(m_ffl);
 }
@@ -114,13 +115,19 @@ status_t ModuleSymbolBank::reservedQuery() {
     return status_NotImpl;
 }
 
-status_t ModuleSymbolBank::optReports(SymMgrObjectPtr<IIterator<IOptReportEntry*>>&,
-                                      SymMgrObjectPtr<IAddress>, unsigned long long) {
-    return status_NotImpl;
+status_t ModuleSymbolBank::optReports(SymMgrObjectPtr<IIterator<IOptReportEntry*>>& out,
+                                      SymMgrObjectPtr<IAddress> begin, unsigned long long size) {
+    try {
+        return m_optReports.reports(out, begin, size);
+    }
+    ORN_CATCH_OUT_OF_MEMORY
 }
 
-status_t ModuleSymbolBank::optReportAt(SymMgrObjectPtr<IAddress>, IOptReportEntry*&) {
-    return status_NotImpl;
+status_t ModuleSymbolBank::optReportAt(SymMgrObjectPtr<IAddress> address, IOptReportEntry*& out) {
+    try {
+        return m_optReports.reportAt(address, out);
+    }
+    ORN_CATCH_OUT_OF_MEMORY
 }
 
 status_t ModuleSymbolBank::symbolRangeByAddress(IAddress* addr, SymMgrObjectPtr<ISymbolRange>& out,

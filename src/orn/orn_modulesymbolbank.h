@@ -5,6 +5,7 @@
 #include "orn/debug_info_loader.h"
 #include "orn/file_format_loader.h"
 #include "orn/module_symbol_bank.h"
+#include "orn_optreportreader.h"
 #include "orn_scope.h"
 
 #include <utility>
@@ -72,6 +73,7 @@ private:
     SymMgrObjectPtr<IFileFormatLoader> m_ffl;
     SymMgrObjectPtr<IDebugInfoLoader> m_debugInfoLoader; ///< null without a usable symbol file
     GlobalScope m_globalScope;
+    OptReportStorage m_optReports;
     /// For the objects inside the bank. It is destroyed before the scope that was given it, so nothing in
     /// there may use it in a constructor or a destructor.
     OrnLock m_lock;
