@@ -12,6 +12,8 @@ void elf(const std::uint8_t* data, std::size_t size);
 void filename(const std::uint8_t* data, std::size_t size);
 void demangler(const std::uint8_t* data, std::size_t size);
 void section_data(const std::uint8_t* data, std::size_t size);
+void optreport(const std::uint8_t* data, std::size_t size);
+void systemmap(const std::uint8_t* data, std::size_t size);
 
 struct Target {
     const char* name; ///< also the folder of its corpus
@@ -23,6 +25,8 @@ inline constexpr Target targets[] = {
     {"filename", filename},
     {"demangler", demangler},
     {"section_data", section_data},
+    {"optreport", optreport},
+    {"systemmap", systemmap},
 };
 
 } // namespace orn_fuzz
