@@ -124,7 +124,7 @@ std::map<std::string, unsigned long long> Tool::s_symbols;
 // ---- Usage
 
 TEST_F(Tool, HelpStandsEverywhereAndIsNoError) {
-    for (const char* verb : {"", "symbolize", "info", "symbols", "lines", "units"}) {
+    for (const char* verb : {"", "symbolize", "info", "symbols", "lines", "units", "reports"}) {
         std::vector<std::string> arguments = {verb, "--help"};
         if (arguments[0].empty())
             arguments.erase(arguments.begin());
@@ -146,6 +146,10 @@ TEST_F(Tool, WrongUsageEndsWithTwo) {
         {"info", s_program, "--wrong"},
         {"symbolize", "--rva", "--file-offset", s_program, "1"},
         {"symbols", "--kind", "nonsense", s_program},
+        {"symbols", "--arch", "nonsense", s_program},
+        {"reports", "--range", "1", s_program},
+        {"reports", s_program, "--range", "2", "2"},
+        {"reports", s_program, "--range", "2", "main"},
         {"symbolize", s_program, "main"},
         {"symbolize", s_program, "-1"},
         {"symbolize", s_program, "0x"},
@@ -170,7 +174,7 @@ TEST_F(Tool, WrongAddressIsNamedAndNothingIsAnswered) {
 // ---- Modules that cannot be loaded
 
 void expectNotLoaded(const std::string& path, const std::string& status, const std::string& advice) {
-    for (const char* verb : {"symbolize", "info", "symbols", "units"}) {
+    for (const char* verb : {"symbolize", "info", "symbols", "units", "reports"}) {
         const ProcessResult result = orn({verb, path});
         EXPECT_EQ(result.exitStatus, 1) << verb << ' ' << path;
         EXPECT_EQ(result.output, "") << verb << ' ' << path;

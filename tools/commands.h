@@ -48,6 +48,13 @@ struct UnitsOptions {
 };
 int runUnits(const UnitsOptions& options);
 
+struct ReportsOptions {
+    ModuleChoice module;
+    std::vector<std::string> range; ///< two addresses; none: all
+    bool asJson = false;
+};
+int runReports(const ReportsOptions& options);
+
 } // namespace orn_tool
 
 #endif

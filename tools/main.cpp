@@ -28,6 +28,10 @@ void addModule(CLI::App& command, ModuleChoice& module) {
         ->type_name("DIR")
         ->capture_default_str()
         ->allow_extra_args(false);
+    command
+        .add_option("--arch", module.architecture,
+                    "Architecture, where the file does not tell it: a compressed Linux kernel")
+        ->check(CLI::IsMember(architectureWords()));
 }
 
 void addJson(CLI::App& command, bool& asJson) {
@@ -97,6 +101,17 @@ void addUnits(CLI::App& app, UnitsOptions& options, Verb& verb) {
     command->callback([&options, &verb] { verb = [&options] { return runUnits(options); }; });
 }
 
+void addReports(CLI::App& app, ReportsOptions& options, Verb& verb) {
+    CLI::App* command = app.add_subcommand("reports", "List the compiler's optimisation reports");
+    command->footer("Columns: address, version, text.");
+    addModule(*command, options.module);
+    command->add_option("--range", options.range, "Reports of the addresses [LOW, HIGH), in hexadecimal")
+        ->type_name("LOW HIGH")
+        ->expected(2);
+    addJson(*command, options.asJson);
+    command->callback([&options, &verb] { verb = [&options] { return runReports(options); }; });
+}
+
 int runProgram(int argc, char** argv) {
     CLI::App app("Turns addresses of module files into names.", "orn");
     app.require_subcommand(1);
@@ -108,12 +123,14 @@ int runProgram(int argc, char** argv) {
     SymbolsOptions symbols;
     LinesOptions lines;
     UnitsOptions units;
+    ReportsOptions reports;
     Verb verb;
     addSymbolize(app, symbolize, verb);
     addInfo(app, info, verb);
     addSymbols(app, symbols, verb);
     addLines(app, lines, verb);
     addUnits(app, units, verb);
+    addReports(app, reports, verb);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& result) {

@@ -2,6 +2,7 @@
 
 #include "module_session.h"
 
+#include "names.h"
 #include "output.h"
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 
 namespace orn_tool {
 
+using ORN_3_30::arch_t;
 using ORN_3_30::isFailure;
 using ORN_3_30::ISymbolManager;
 using ORN_3_30::status_t;
@@ -71,8 +73,10 @@ bool ModuleSession::load() {
     status_t status = ISymbolManager::create(m_manager);
     if (!isFailure(status)) {
         DebugFileSearch resolver(m_choice.debugDirectories, m_candidates);
+        const arch_t architecture =
+            m_choice.architecture.empty() ? arch_unknown : architectureFor(m_choice.architecture);
         status =
-            m_manager->loadSymbolsFromModule(path().c_str(), &resolver, m_bank, arch_unknown, false, nullptr);
+            m_manager->loadSymbolsFromModule(path().c_str(), &resolver, m_bank, architecture, false, nullptr);
     }
     if (!isFailure(status) && !m_bank)
         status = status_Fail;

@@ -18,6 +18,7 @@ enum exit_status_t : int { exit_Done = 0, exit_NotLoaded = 1, exit_Usage = 2 };
 /// What a verb is asked about, and where debug files that are not beside it may lie.
 struct ModuleChoice {
     std::string path;
+    std::string architecture; ///< a word of architectureWords(); empty: the file tells it
     std::vector<std::string> debugDirectories = {"/usr/lib/debug"};
 };
 

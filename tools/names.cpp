@@ -125,6 +125,27 @@ const char* wordForCandidate(unsigned state) {
     }
 }
 
+namespace {
+constexpr arch_t namedArchitectures[] = {arch_ia32, arch_x86_64, arch_arm};
+}
+
+const std::vector<std::string>& architectureWords() {
+    static const std::vector<std::string> words = [] {
+        std::vector<std::string> all;
+        for (const arch_t architecture : namedArchitectures)
+            all.emplace_back(wordFor(architecture));
+        return all;
+    }();
+    return words;
+}
+
+arch_t architectureFor(const std::string& word) {
+    for (const arch_t architecture : namedArchitectures)
+        if (word == wordFor(architecture))
+            return architecture;
+    return arch_unknown;
+}
+
 const std::vector<std::string>& kindWords() {
     static const std::vector<std::string> words = {"function",    "label", "variable", "other",
                                                    "entry-point", "code",  "all"};

@@ -20,6 +20,11 @@ const char* wordForSymbolFile(unsigned type);
 /// `state`: what ISymbolFileToResolve::state() gives.
 const char* wordForCandidate(unsigned state);
 
+/// The words that --arch takes.
+const std::vector<std::string>& architectureWords();
+/// What one of them means.
+ORN_3_30::arch_t architectureFor(const std::string& word);
+
 /// The words that --kind takes.
 const std::vector<std::string>& kindWords();
 /// The mask of one of them.
