@@ -740,6 +740,18 @@ TEST_F(OptReportStorageTest, SectionsLargerThanTheirFileAreNotRead) {
     EXPECT_EQ(loader->sections[3]->reads, 0);
 }
 
+TEST_F(OptReportStorageTest, NamesLargerThanTheirFileEndTheWalk) {
+    orn_test::TempDir directory;
+    loader->path = directory.write("module", std::string(1000, 'x'));
+    const Bytes table = ReportTable().report(1, "a").bytes();
+    loader->add(".debug_opt_report", table);
+    for (int i = 0; i < 40; ++i)
+        loader->add(".debug_opt_report." + std::string(1000, 'x'), {});
+    loader->add(".debug_opt_report", table);
+    EXPECT_EQ(everything().size(), 1U);
+    EXPECT_LT(loader->sectionsAsked, 20);
+}
+
 // --- The bank
 
 class OptReportBankTest : public OrnTest {

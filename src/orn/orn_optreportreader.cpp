@@ -66,6 +66,28 @@ bool holdsReports(const char* name) {
            std::strncmp(name, sectionNamePrefix, sizeof(sectionNamePrefix) - 1) == 0;
 }
 
+/// The sections whose names match.
+///
+/// A section carries a copy of its name, and names may share their bytes: a damaged file of a few megabytes
+/// has gigabytes of names. The walk ends where they are far beyond what linkers make of shared tails.
+template <typename Loader>
+std::vector<SymMgrObjectPtr<ISection>> findSections(Loader& loader, unsigned long long fileBytes) {
+    constexpr unsigned long long nameBytesPerFileByte = 16;
+    std::vector<SymMgrObjectPtr<ISection>> sections;
+    unsigned long long nameBytes = 0;
+    for (unsigned index = 0; fileBytes == 0 || nameBytes / nameBytesPerFileByte <= fileBytes; ++index) {
+        SymMgrObjectPtr<ISection> section;
+        loader.getSectionByIndex(section, index);
+        if (!section)
+            break;
+        const char* name = section->getName();
+        nameBytes += std::strlen(name);
+        if (holdsReports(name))
+            sections.push_back(section);
+    }
+    return sections;
+}
+
 /// Only 16 bits are kept, so three bytes tell all; a damaged number may run on to the section's end.
 unsigned short readVersion(SectionWalker& value) {
     unsigned version = 0;
@@ -340,21 +362,12 @@ void OptReportStorage::ensureRead() {
 }
 
 /// Gives whether there was a section of reports, read or not.
-///
-/// Sections do not share bytes, so all of them together are no larger than their file. Headers that say
-/// otherwise are damaged; thousands of them may name the same bytes, and the budget ends that.
 template <typename Loader>
 bool OptReportStorage::readSectionsOf(Loader& loader) {
-    std::vector<SymMgrObjectPtr<ISection>> sections;
-    for (unsigned index = 0;; ++index) {
-        SymMgrObjectPtr<ISection> section;
-        loader.getSectionByIndex(section, index);
-        if (!section)
-            break;
-        if (holdsReports(section->getName()))
-            sections.push_back(section);
-    }
-    const unsigned long long fileBytes = sections.empty() ? 0 : fileSize(loader.getPath());
+    const unsigned long long fileBytes = fileSize(loader.getPath());
+    const std::vector<SymMgrObjectPtr<ISection>> sections = findSections(loader, fileBytes);
+    // Sections do not share bytes, so all of them together are no larger than their file. Headers that say
+    // otherwise are damaged; thousands of them may name the same bytes, and the budget ends that.
     unsigned long long left = fileBytes != 0 ? fileBytes : ~0ULL;
     for (const SymMgrObjectPtr<ISection>& section : sections) {
         if (section->getSize() > left)
