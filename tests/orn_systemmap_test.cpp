@@ -302,6 +302,17 @@ TEST_F(SystemMapLoaderTest, TellsWhatItIs) {
     EXPECT_EQ(loader->getType(), 4U);
 }
 
+TEST_F(SystemMapLoaderTest, MakingItReadsNothing) {
+    m_module = new ElfFileLoader(new BogusELFImage("vmlinux-x86_64", arch_unknown));
+    const std::string path = m_dir.path("System.map");
+    const SymMgrObjectPtr<IDebugInfoLoader> loader = new SystemMAPDebugInfoLoader(
+        m_module, path.c_str(), m_module->getElfHelper(), m_module->getArch(), nullptr);
+    m_dir.write("System.map", sound);
+    const SymMgrObjectPtr<RecordingSink> sink = new RecordingSink;
+    EXPECT_EQ(loader->loadSymbols(sink, nullptr, symbol_kind_all, nullptr), status_Ok);
+    EXPECT_THAT(sink->names(), ElementsAre("_text")) << "also for a kernel of which there is no file";
+}
+
 TEST_F(SystemMapLoaderTest, HasSymbolsAndNothingElse) {
     const auto loader = loaderOf("/nowhere/System.map");
     EXPECT_EQ(loader->getLineResolver(nullptr, nullptr), nullptr);

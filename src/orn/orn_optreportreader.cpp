@@ -326,7 +326,7 @@ OptReportStorage::OptReportStorage(IFileFormatLoader* formatLoader, IDebugInfoLo
     : m_formatLoader(formatLoader), m_debugInfoLoader(debugInfoLoader), m_isRead(false) {}
 
 status_t OptReportStorage::reports(SymMgrObjectPtr<IIterator<IOptReportEntry*>>& out,
-                                   SymMgrObjectPtr<IAddress> begin, unsigned long long size) {
+                                   const SymMgrObjectPtr<IAddress>& begin, unsigned long long size) {
     ensureRead();
     if (m_reports.empty())
         return status_False;
@@ -338,7 +338,7 @@ status_t OptReportStorage::reports(SymMgrObjectPtr<IIterator<IOptReportEntry*>>&
     return out->current() ? status_Ok : status_False;
 }
 
-status_t OptReportStorage::reportAt(SymMgrObjectPtr<IAddress> address, IOptReportEntry*& out) {
+status_t OptReportStorage::reportAt(const SymMgrObjectPtr<IAddress>& address, IOptReportEntry*& out) {
     if (!address)
         return status_False;
     ensureRead();

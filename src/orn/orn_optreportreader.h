@@ -106,10 +106,10 @@ public:
     OptReportStorage(IFileFormatLoader* formatLoader, IDebugInfoLoader* debugInfoLoader);
 
     /// Reports anchored in [begin, begin + size). A null `begin` is the whole store.
-    status_t reports(SymMgrObjectPtr<IIterator<IOptReportEntry*>>& out, SymMgrObjectPtr<IAddress> begin,
-                     unsigned long long size);
+    status_t reports(SymMgrObjectPtr<IIterator<IOptReportEntry*>>& out,
+                     const SymMgrObjectPtr<IAddress>& begin, unsigned long long size);
     /// The first report at exactly that address, borrowed.
-    status_t reportAt(SymMgrObjectPtr<IAddress> address, IOptReportEntry*& out);
+    status_t reportAt(const SymMgrObjectPtr<IAddress>& address, IOptReportEntry*& out);
 
 private:
     friend class OptReportStorageIterator;
