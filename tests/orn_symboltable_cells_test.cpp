@@ -7,6 +7,11 @@
 #include "support/fake_loader.h"
 #include "support/orn_fixture.h"
 
+#include <algorithm>
+#include <chrono>
+#include <random>
+#include <vector>
+
 namespace ORN_3_30::test {
 namespace {
 
@@ -22,6 +27,47 @@ TEST(CellListTest, ReservedRoomIsNoEntry) {
     EXPECT_EQ(list[0], &entry);
     list.erase(store, 0);
     EXPECT_TRUE(list.isEmpty());
+}
+
+TEST(CellListTest, EntriesStayInOrderWhereverTheyComeAndGo) {
+    ListStore store;
+    std::vector<CellEntry> entries(3000);
+    std::mt19937 random(1);
+    // Near the front, near the end and anywhere, by turns: each moves the shorter side.
+    for (const unsigned reach : {1U, 2U, 5U, 3000U}) {
+        CellList list{};
+        std::vector<CellEntry*> expected;
+        for (CellEntry& entry : entries) {
+            const std::size_t distance = random() % std::min<std::size_t>(reach, expected.size() + 1);
+            const std::size_t index = random() % 4 == 0 ? expected.size() - distance : distance;
+            list.insert(store, index, &entry);
+            expected.insert(expected.begin() + static_cast<std::ptrdiff_t>(index), &entry);
+            if (random() % 5 == 0) {
+                const std::size_t erased = random() % expected.size();
+                list.erase(store, erased);
+                expected.erase(expected.begin() + static_cast<std::ptrdiff_t>(erased));
+            }
+        }
+        EXPECT_TRUE(std::equal(list.begin(), list.end(), expected.begin(), expected.end())) << reach;
+        while (!expected.empty()) {
+            list.erase(store, expected.size() / 3);
+            expected.erase(expected.begin() + static_cast<std::ptrdiff_t>(expected.size() / 3));
+            EXPECT_TRUE(expected.empty() || list[0] == expected[0]);
+        }
+        EXPECT_TRUE(list.isEmpty());
+    }
+}
+
+TEST(CellListTest, ManyNewcomersBehindTheHeadTakeLinearTime) {
+    ListStore store;
+    CellEntry entry{};
+    CellList list{};
+    list.insert(store, 0, &entry);
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 1000000; ++i) // with what is behind moved each time, four terabytes
+        list.insert(store, 1, &entry);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+    EXPECT_EQ(list.size(), 1000001U);
 }
 
 class SectionEndTest : public OrnTest {

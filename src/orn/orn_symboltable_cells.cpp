@@ -61,8 +61,10 @@ CellEntry** ListStore::addChunk(std::size_t length) {
 void CellList::reserve(ListStore& store, std::size_t count) {
     if (count <= (isArray() ? array()->capacity() : 1))
         return;
+    if (count >> Array::countBits != 0)
+        throw std::bad_alloc();
     auto lengthLog = static_cast<unsigned>(std::bit_width(count));
-    auto* grown = new (store.allocate(lengthLog)) Array{static_cast<std::uint32_t>(size()), lengthLog};
+    auto* grown = new (store.allocate(lengthLog)) Array{lengthLog, 0, size()};
     std::copy(begin(), end(), grown->entries());
     if (isArray())
         store.free(reinterpret_cast<CellEntry**>(array()), array()->lengthLog);
@@ -75,11 +77,8 @@ void CellList::insert(ListStore& store, std::size_t index, CellEntry* entry) {
         return;
     }
     reserve(store, size() + 1);
-    Array* into = array();
-    CellEntry** place = into->entries() + index;
-    std::memmove(place + 1, place, (into->count - index) * sizeof(CellEntry*));
-    *place = entry;
-    ++into->count;
+    array()->openGap(index);
+    array()->entries()[index] = entry;
 }
 
 void CellList::erase(ListStore& store, std::size_t index) {
@@ -88,12 +87,47 @@ void CellList::erase(ListStore& store, std::size_t index) {
         return;
     }
     Array* from = array();
-    CellEntry** place = from->entries() + index;
-    std::memmove(place, place + 1, (from->count - index - 1) * sizeof(CellEntry*));
-    if (--from->count > 0)
+    from->closeGap(index);
+    if (from->count > 0)
         return;
     m_entry = nullptr;
     store.free(reinterpret_cast<CellEntry**>(from), from->lengthLog);
+}
+
+void CellList::Array::moveTo(std::size_t slot) {
+    std::memmove(slots() + slot, entries(), count * sizeof(CellEntry*));
+    first = slot;
+}
+
+/// The shorter side moves. Where it has no room, the entries are moved to the middle, so that it lasts for
+/// many newcomers.
+void CellList::Array::openGap(std::size_t index) {
+    const bool movesFront = index < count - index;
+    const std::size_t room = capacity() - count;
+    if (movesFront && first == 0)
+        moveTo((room + 1) / 2);
+    else if (!movesFront && first == room)
+        moveTo(room / 2);
+    if (movesFront) {
+        std::memmove(entries() - 1, entries(), index * sizeof(CellEntry*));
+        first = first - 1;
+    } else {
+        CellEntry** place = entries() + index;
+        std::memmove(place + 1, place, (count - index) * sizeof(CellEntry*));
+    }
+    count = count + 1;
+}
+
+void CellList::Array::closeGap(std::size_t index) {
+    const std::size_t behind = count - index - 1;
+    if (index < behind) {
+        std::memmove(entries() + 1, entries(), index * sizeof(CellEntry*));
+        first = first + 1;
+    } else {
+        CellEntry** place = entries() + index;
+        std::memmove(place, place + 1, behind * sizeof(CellEntry*));
+    }
+    count = count - 1;
 }
 
 // --- The index

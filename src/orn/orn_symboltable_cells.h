@@ -115,13 +115,25 @@ public:
     void erase(ListStore& store, std::size_t index);
 
 private:
-    /// Header in the place of the array's first pointer.
+    /// Header in the place of the array's first pointer. The entries may have room on both sides: where many
+    /// symbols share an address, each newcomer goes right behind the head, and what stands in front of it is
+    /// moved instead of what stands behind.
     struct Array {
-        std::uint32_t count;
-        std::uint32_t lengthLog; ///< of the array with its header
+        static constexpr unsigned countBits = 29;
 
-        CellEntry** entries() { return reinterpret_cast<CellEntry**>(this + 1); }
+        std::uint64_t lengthLog : 64 - 2 * countBits; ///< of the array with its header
+        std::uint64_t first : countBits;              ///< slots in front of the entries
+        std::uint64_t count : countBits;
+
+        CellEntry** slots() { return reinterpret_cast<CellEntry**>(this + 1); }
+        CellEntry** entries() { return slots() + first; }
         std::size_t capacity() const { return (std::size_t{1} << lengthLog) - 1; }
+        /// Makes `index` an entry of its own; there has to be room.
+        void openGap(std::size_t index);
+        void closeGap(std::size_t index);
+
+    private:
+        void moveTo(std::size_t slot);
     };
     static_assert(sizeof(Array) == sizeof(CellEntry*));
 

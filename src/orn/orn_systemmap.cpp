@@ -167,7 +167,12 @@ public:
     enum class Result { Line, CutLine, End, Error };
 
     explicit LineStream(const char* path)
-        : m_file(path), m_buffer(new char[bufferSize]), m_begin(0), m_end(0), m_isAtEnd(false) {}
+        : m_file(path),
+          m_capacity(capacityFor(m_file.size())),
+          m_buffer(new char[m_capacity]),
+          m_begin(0),
+          m_end(0),
+          m_isAtEnd(false) {}
 
     bool isOpen() const { return m_file.status() == fosOK; }
 
@@ -187,6 +192,12 @@ public:
     }
 
 private:
+    /// A file of the kernel's has no size that it tells. The byte more is for seeing the end.
+    static std::size_t capacityFor(std::uint64_t fileBytes) {
+        return fileBytes != 0 && fileBytes < bufferSize ? static_cast<std::size_t>(fileBytes) + 1
+                                                        : bufferSize;
+    }
+
     Result take(std::string_view& line, std::size_t lineEnd, std::size_t endSize, Result result) {
         line = std::string_view(&m_buffer[m_begin], lineEnd - m_begin);
         m_begin = lineEnd + endSize;
@@ -199,9 +210,9 @@ private:
         std::memmove(m_buffer.get(), &m_buffer[m_begin], m_end - m_begin);
         m_end -= m_begin;
         m_begin = 0;
-        if (m_end == bufferSize)
+        if (m_end == m_capacity)
             return false;
-        const std::int64_t count = m_file.read(bufferSize - m_end, &m_buffer[m_end]);
+        const std::int64_t count = m_file.read(m_capacity - m_end, &m_buffer[m_end]);
         if (count < 0)
             return false;
         m_isAtEnd = count == 0;
@@ -210,6 +221,7 @@ private:
     }
 
     File m_file;
+    std::size_t m_capacity;
     std::unique_ptr<char[]> m_buffer;
     std::size_t m_begin; ///< of what was not given yet
     std::size_t m_end;
