@@ -9,6 +9,7 @@
 namespace orn_fuzz {
 
 void elf(const std::uint8_t* data, std::size_t size);
+void pe(const std::uint8_t* data, std::size_t size);
 void filename(const std::uint8_t* data, std::size_t size);
 void demangler(const std::uint8_t* data, std::size_t size);
 void section_data(const std::uint8_t* data, std::size_t size);
@@ -22,6 +23,7 @@ struct Target {
 
 inline constexpr Target targets[] = {
     {"elf", elf},
+    {"pe", pe},
     {"filename", filename},
     {"demangler", demangler},
     {"section_data", section_data},

@@ -44,6 +44,7 @@ protected:
         return IFileFormatLoader::create(out, new FileImage(path.c_str(), offset, arch_unknown), "");
     }
     bool isElfLoader() { return dynamic_cast<ElfFileLoader*>(out.get()) != nullptr; }
+    bool isPELoader() { return dynamic_cast<PEExecFileLoader*>(out.get()) != nullptr; }
 
     orn_test::TempDir directory;
     std::string path;
@@ -93,9 +94,11 @@ TEST_F(RecognitionTest, ADamagedELFFileHasALoaderAndAFailure) {
     expectLog("neither ELFCLASS32 nor ELFCLASS64");
 }
 
-TEST_F(RecognitionTest, APEFileIsRecognisedAndHasNoLoaderYet) {
-    EXPECT_EQ(create("module.so", asText(peHeaders().bytes())), status_NotImpl);
-    EXPECT_FALSE(out);
+TEST_F(RecognitionTest, APEFileIsKnownByItsContents) {
+    EXPECT_EQ(create("module.so", asText(peHeaders().bytes())), status_Ok);
+    ASSERT_TRUE(isPELoader());
+    EXPECT_EQ(out->getExecFormat(), exec_format_pe);
+    EXPECT_EQ(out->getPath(), path);
 }
 
 TEST_F(RecognitionTest, AModuleInsideAPEFileIsAlwaysELF) {
@@ -118,9 +121,11 @@ TEST_F(RecognitionTest, AKernelIsNotTestedForPE) {
 }
 
 TEST_F(RecognitionTest, AKernelsNameCountsAtTheStartOfTheBaseNameOnly) {
-    EXPECT_EQ(create("my-vmlinux", asText(peHeaders().bytes())), status_NotImpl);
+    EXPECT_EQ(create("my-vmlinux", asText(peHeaders().bytes())), status_Ok);
+    EXPECT_TRUE(isPELoader());
     directory.makeDirectory("vmlinux");
-    EXPECT_EQ(create("vmlinux/module", asText(peHeaders().bytes())), status_NotImpl);
+    EXPECT_EQ(create("vmlinux/module", asText(peHeaders().bytes())), status_Ok);
+    EXPECT_TRUE(isPELoader());
 }
 
 TEST_F(RecognitionTest, AMadeUpKernelHasALoader) {

@@ -203,7 +203,7 @@ TEST_F(BankTest, AnEntryPointWithoutMemoryIsNull) {
     EXPECT_TRUE(makeBank()->entryPoint() == nullptr);
 }
 
-TEST_F(BankTest, NoTraitsAreKnownYet) {
+TEST_F(BankTest, OnlyPEModulesHaveTraits) {
     unsigned traits = 99;
     EXPECT_EQ(makeBank()->moduleTraits(traits), status_Ok);
     EXPECT_EQ(traits, 0u);

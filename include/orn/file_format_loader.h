@@ -23,7 +23,7 @@ public:
     virtual const char* getName() = 0;
     virtual unsigned long long getSize() = 0;
     virtual unsigned long long getFileOffset() = 0;
-    /// Pseudo address of the section's start.
+    /// Pseudo address of the section's start; in PE modules its RVA.
     virtual unsigned long long getAddress() = 0;
     /// Reads the whole section. `status_False`, with `out` untouched, if it has no bytes in the file.
     virtual status_t read(SymMgrObjectPtr<IBuffer>& out) = 0;
@@ -45,7 +45,7 @@ public:
     virtual unsigned long long getMemorySize() = 0;
     virtual unsigned long long getRva() = 0;
     virtual unsigned long long getFileOffset() = 0;
-    /// 0 is code in formats that tell; other values are the format's own.
+    /// The format's own number: code is 0 in ELF modules and 1 in PE modules.
     virtual unsigned getKind() = 0;
     /// Reads the segment's bytes in the file.
     virtual status_t read(SymMgrObjectPtr<IBuffer>& out) = 0;

@@ -108,7 +108,7 @@ public:
     /// is not entered; with `useThunkRanges` a symbol's thunks count for it.
     virtual status_t symbolByRanges(IRanges* ranges, SymMgrObjectPtr<ISymbol>& out, bool stopAtInline,
                                     bool useThunkRanges) = 0;
-    /// Bit 1: managed code; bit 2: managed code with native code beside it.
+    /// A sum: 1 for managed code, and 2 more if it has native code beside it.
     virtual status_t moduleTraits(unsigned& out) = 0;
 
     /// The bank of an image that the client made itself. Banks are shared: the same unchanged module gives

@@ -1,6 +1,6 @@
 // Recognition of a module file: the order of the tests decides, and each looks at the file itself and not at
 // its name, but for the kernel's. The manager and the module images call it. GPU binaries are not recognised
-// yet, and PE files are recognised but have no loader.
+// yet.
 
 #include "orn_ffl_create.h"
 
@@ -36,8 +36,9 @@ status_t recognise(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPt
         // A module that is embedded in a PE container is always ELF, whatever its bytes say: the loader's
         // status tells.
         if (image->getFileOffset() == 0)
-            return status_NotImpl;
-        out = new ElfFileLoader(image);
+            out = new PEExecFileLoader(image->getPath());
+        else
+            out = new ElfFileLoader(image);
     } else if (isELF(*image)) {
         out = new ElfFileLoader(image);
     } else {

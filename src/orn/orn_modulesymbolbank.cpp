@@ -1,11 +1,11 @@
 // The bank's life and its queries. Nearly every query is a trace block around a forward: here it is decided
 // who answers and what a missing answer is reported as. The loading itself lies with the module's scope, the
-// search by ranges in the sibling file, what is done with optimisation reports with their store. The traits
-// of managed modules come with the readers of those formats.
+// search by ranges in the sibling file, what is done with optimisation reports with their store.
 
 #include "orn_modulesymbolbank.h"
 
 #include "orn/source.h"
+#include "orn_fflpe.h"
 #include "orn_file.h"
 #include "orn_log.h"
 #include "orn_symbolmanager.h"
@@ -295,7 +295,11 @@ status_t ModuleSymbolBank::findStackVariable(IAddress* addr, unsigned long long 
 }
 
 status_t ModuleSymbolBank::moduleTraits(unsigned& out) {
+    enum : unsigned { traitManaged = 1, traitReadyToRun = 2 };
     out = 0;
+    const auto* module = dynamic_cast<PEExecFileLoader*>(m_ffl.get());
+    if (module && module->isManaged())
+        out = traitManaged | (m_ffl->isReadyToRun() ? traitReadyToRun : 0u);
     return status_Ok;
 }
 
