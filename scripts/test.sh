@@ -41,10 +41,13 @@ readonly fullNeeds=(
     llvm=llvm-symbolizer
     libclang-rt-14-dev
     elfutils=eu-addr2line
+    gcc-mingw-w64-x86-64-posix=x86_64-w64-mingw32-gcc
+    gcc-mingw-w64-i686-posix=i686-w64-mingw32-gcc
+    lld=lld-link
 )
 
-# Libraries of other machines, as data for the tests; tests that want one say so and skip without it.
-readonly inputPackages=(libc6-i386-cross libc6-armhf-cross libc6-arm64-cross)
+# Libraries of other machines and systems, as data for the tests; tests that want one say so and skip without it.
+readonly inputPackages=(libc6-i386-cross libc6-armhf-cross libc6-arm64-cross libwine libmono-corlib4.5-dll)
 
 quick=no
 runner=()
@@ -88,7 +91,7 @@ gatherInputs() {
 noteMissingInputs() {
     local missing
     mapfile -t missing < <(missingPackages "${inputPackages[@]}")
-    ((${#missing[@]} == 0)) || note "tests on libraries of other machines are skipped: no ${missing[*]}"
+    ((${#missing[@]} == 0)) || note "tests on libraries of other machines and systems are skipped: no ${missing[*]}"
     [[ -d $ORN_TEST_INPUTS/kernel ]] || note "tests on kernel modules are skipped: no $ORN_TEST_INPUTS/kernel"
 }
 

@@ -82,7 +82,7 @@ TEST_F(RecognitionTest, AFileShorterThanAnyHeaderGivesNoLoader) {
               status_BadFileFormat);
     EXPECT_EQ(create("module", std::string(63, 'M')), status_BadFileFormat);
     EXPECT_FALSE(out);
-    expectLog("ASSERTION FAILED: 'file.read(dosHeaderSize, dosHeader) == dosHeaderSize'", 3);
+    expectLog("ASSERTION FAILED: 'file.read(dosHeaderSize, &dosHeader) == dosHeaderSize'", 3);
 }
 
 TEST_F(RecognitionTest, ADamagedELFFileHasALoaderAndAFailure) {
@@ -186,7 +186,7 @@ TEST_F(PESignatureTest, OfTheSecondSignature16BitsCount) {
 TEST_F(PESignatureTest, AHeaderThatIsCutOffIsLogged) {
     EXPECT_FALSE(passes(peHeaders().overwriteAt(60, 0x81, 4)));
     EXPECT_FALSE(passes(peHeaders().overwriteAt(60, 0xFFFFFFFF, 4)));
-    expectLog("ASSERTION FAILED: 'file.read(ntHeadersSize, ntHeaders) == ntHeadersSize'", 2);
+    expectLog("ASSERTION FAILED: 'file.read(ntHeadersSize, &ntHeaders) == ntHeadersSize'", 2);
 }
 
 TEST_F(PESignatureTest, AMissingFileIsNone) {

@@ -13,6 +13,7 @@
 
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sys/resource.h>
@@ -40,7 +41,6 @@ constexpr unsigned long long base = 0x180000000;
 constexpr unsigned atCharacteristics = 0;
 constexpr unsigned atMajorVersion = 8;
 constexpr unsigned atMinorVersion = 10;
-constexpr unsigned atBase = 16;
 constexpr unsigned atNumberOfFunctions = 20;
 constexpr unsigned atNumberOfNames = 24;
 constexpr unsigned atAddressOfFunctions = 28;
@@ -96,7 +96,7 @@ TEST_F(PESymbolsTest, AnExportOfCodeIsAGlobalSymbolWithoutSize) {
     EXPECT_EQ(entry.high, base + 0x1010);
     EXPECT_EQ(entry.kind, symbol_kind_other);
     EXPECT_EQ(entry.visibility, symbol_visibility_global);
-    SymMgrObjectPtr<RangeIterator> ranges;
+    SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>> ranges;
     entry.scope->symbol()->ranges(ranges);
     ASSERT_TRUE(ranges && ranges->current());
     EXPECT_EQ(ranges->current()->size(), 0u);
@@ -118,6 +118,13 @@ TEST_F(PESymbolsTest, AnExportWithoutNameIsCalledByItsOrdinal) {
     exports.addUnnamed(0x1020);
     EXPECT_EQ(read(pe), status_Ok);
     EXPECT_THAT(sink->names(), ElementsAre("f0", "f1", "f2", "f3", "ORD_5"));
+}
+
+TEST_F(PESymbolsTest, AnEmptyNameIsNone) {
+    PeAssembler pe = codeAndData();
+    pe.exports(0x3000).base(7).add("", 0x1000);
+    EXPECT_EQ(read(pe), status_Ok);
+    EXPECT_THAT(sink->names(), ElementsAre("ORD_7"));
 }
 
 TEST_F(PESymbolsTest, OrdinalsCountFromTheBase) {
@@ -210,6 +217,27 @@ TEST_F(PESymbolsTest, AnAnnouncedAddressKeepsNoExportOut) {
     LoadFilter filter(&announced);
     EXPECT_EQ(read(pe.build(), &filter), status_Ok);
     EXPECT_THAT(sink->names(), ElementsAre("function")) << "an interval without bytes always passes";
+}
+
+TEST_F(PESymbolsTest, SeveralThreadsMayBeTheFirstToAsk) {
+    PeAssembler pe = codeAndData();
+    pe.section(".a_long_name", 0x4000, peData).data.fill(4);
+    pe.exports(0x3000).add("function", 0x1010);
+    ASSERT_EQ(read(pe), status_Ok);
+    SymMgrObjectPtr<PEExecFileLoader> fresh(new PEExecFileLoader(loader->getPath()));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&fresh] {
+            EXPECT_NE(fresh->findSegmentByName(".a_long_name"), nullptr);
+            SymMgrObjectPtr<ISection> section;
+            fresh->getSectionByName(section, ".a_long_name");
+            EXPECT_TRUE(section);
+            SymMgrObjectPtr<RecordingSink> own(new RecordingSink);
+            EXPECT_EQ(fresh->readSymbols(own.get(), nullptr, symbol_kind_all), status_Ok);
+            EXPECT_EQ(own->entries.size(), 1u);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
 }
 
 // --- Section ends

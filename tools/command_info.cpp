@@ -25,6 +25,16 @@ void putField(Output& output, std::string_view title, std::string_view value) {
     output.put(title).putSpaces(titleWidth - title.size()).putPrintable(value).put('\n');
 }
 
+/// Only modules of this format can hold managed code.
+void printTraits(Output& output, const ModuleDescription& module) {
+    if (module.format != ORN_3_30::exec_format_pe)
+        return;
+    putField(output, "Managed code",
+             module.isReadyToRun ? "yes, with native code beside it (ReadyToRun)"
+             : module.isManaged  ? "yes"
+                                 : "no");
+}
+
 void printFields(Output& output, const ModuleDescription& module) {
     putField(output, "Module", module.path);
     putField(output, "Format", wordFor(module.format));
@@ -32,6 +42,7 @@ void printFields(Output& output, const ModuleDescription& module) {
     putField(output, "Load address", hexText(module.loadAddress));
     putField(output, "Entry point", module.entryPoint ? hexText(*module.entryPoint) : "none");
     putField(output, "Image size", hexText(module.imageSize));
+    printTraits(output, module);
     putField(output, "Symbol file",
              module.symbolFile
                  ? module.symbolFile->path + " (" + wordForSymbolFile(module.symbolFile->type) + ")"
@@ -79,7 +90,7 @@ void printSegments(Output& output, const ModuleDescription& module) {
                      {"name", Align::Left}});
     for (const SegmentDescription& segment : module.segments)
         table.addRow({hexText(segment.address), hexText(segment.memorySize), hexText(segment.fileOffset),
-                      hexText(segment.fileSize), segment.kind == 0 ? "code" : std::to_string(segment.kind),
+                      hexText(segment.fileSize), segment.isCode ? "code" : std::to_string(segment.kind),
                       orDash(segment.name)});
     printTable(output, "Segments", table);
 }
@@ -157,6 +168,7 @@ void printJson(Output& output, const ModuleDescription& module) {
     json.key("loadAddress").hex(module.loadAddress);
     json.key("entryPoint").hex(module.entryPoint);
     json.key("imageSize").hex(module.imageSize);
+    json.key("managed").boolean(module.isManaged).key("readyToRun").boolean(module.isReadyToRun);
     putSymbolFile(json, module);
     putCandidates(json, module);
     putSegments(json, module);

@@ -19,12 +19,17 @@ using ORN_3_30::isFailure;
 using ORN_3_30::status_t;
 using ORN_3_30::SymMgrObjectPtr;
 using enum ORN_3_30::arch_t;
+using enum ORN_3_30::exec_format_t;
 using enum ORN_3_30::symbol_file_type_t;
 
 namespace {
 
 std::string textOf(const char* text) {
     return text ? text : "";
+}
+
+bool isCode(ORN_3_30::exec_format_t format, unsigned segmentKind) {
+    return segmentKind == (format == exec_format_pe ? 1u : 0u);
 }
 
 std::vector<SegmentDescription> describeSegments(IModuleSymbolBank& bank) {
@@ -34,6 +39,7 @@ std::vector<SegmentDescription> describeSegments(IModuleSymbolBank& bank) {
         return all;
     while (ISegment* segment = segments->current()) {
         all.push_back({textOf(segment->getName()), segment->getKind(),
+                       isCode(bank.execFileFormat(), segment->getKind()),
                        bank.preferredLoadAddress() + segment->getRva(), segment->getMemorySize(),
                        segment->getFileOffset(), segment->getFileSize()});
         if (!segments->next())
@@ -54,6 +60,8 @@ bool isWithoutBytes(IModuleSymbolBank& bank, ISection& section) {
 
 SectionDescription describeSection(IModuleSymbolBank& bank, ISection& section) {
     SectionDescription description{textOf(section.getName()), section.getAddress(), section.getSize(), {}};
+    if (bank.execFileFormat() == exec_format_pe) // its sections tell RVAs
+        description.address += bank.preferredLoadAddress();
     if (!isWithoutBytes(bank, section))
         description.fileOffset = section.getFileOffset();
     return description;
@@ -87,6 +95,13 @@ ModuleDescription describe(const ModuleSession& session) {
     if (SymMgrObjectPtr<IAddress> entry = bank.entryPoint())
         module.entryPoint = entry->pseudoAddr();
     module.imageSize = bank.imageSize();
+    unsigned traits = 0;
+    if (!isFailure(bank.moduleTraits(traits))) {
+        constexpr unsigned managed = 1;
+        constexpr unsigned readyToRun = 2;
+        module.isManaged = (traits & managed) != 0;
+        module.isReadyToRun = (traits & readyToRun) != 0;
+    }
     module.segments = describeSegments(bank);
     module.sections = describeSections(session);
     if (bank.symFileFormat() != symbol_file_none)

@@ -12,7 +12,8 @@ namespace orn_tool {
 
 struct SegmentDescription {
     std::string name;
-    unsigned kind;
+    unsigned kind;              ///< the format's own number
+    bool isCode;                ///< as far as the number tells
     unsigned long long address; ///< pseudo address
     unsigned long long memorySize;
     unsigned long long fileOffset;
@@ -38,6 +39,8 @@ struct ModuleDescription {
     unsigned long long loadAddress;
     std::optional<unsigned long long> entryPoint; ///< pseudo address
     unsigned long long imageSize;
+    bool isManaged;    ///< carries byte code of a managed runtime
+    bool isReadyToRun; ///< and native code beside it
     std::vector<SegmentDescription> segments;
     std::vector<SectionDescription> sections;
     std::optional<SymbolFileDescription> symbolFile;

@@ -63,7 +63,7 @@ std::string adviceFor(const std::string& path, status_t status) {
     case status_UnsupportedDebugInfoFormat:
         return "this kind of module is not supported yet";
     default:
-        return "no more is known; check the file with readelf or file";
+        return "no more is known; check the file with readelf, objdump or file";
     }
 }
 
@@ -110,7 +110,7 @@ void reportFailure(const std::string& path, status_t status) {
 
 void warnAboutSymbols(const std::string& path, status_t status) {
     printError("not all symbols of '" + printable(path) + "' could be read: " + toUString(status) +
-               ": answers may be missing; check the file with readelf");
+               ": answers may be missing; check the file with readelf or objdump");
 }
 
 } // namespace orn_tool

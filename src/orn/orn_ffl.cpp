@@ -278,14 +278,21 @@ void FileFormatLoader::dropOverlappedSegments(unsigned long long key, unsigned l
 }
 
 /// Two empty segments at one address do not overlap: the later one replaces the earlier one, of whatever
-/// kind.
+/// kind. Without memory nothing is entered: a format that reads its segments late tries again.
 void FileFormatLoader::storeSegment(unsigned long long key, Segment* segment) {
-    if (segment->getKind() != 0)
-        m_lastingSegments[key] = segment->getMemorySize();
-    Segment*& place = m_segments.try_emplace(key, nullptr).first->second;
-    if (segment->getKind() == 0)
-        m_lastingSegments.erase(key);
-    delete std::exchange(place, segment);
+    const auto [place, isNew] = m_segments.try_emplace(key, segment);
+    try {
+        if (segment->getKind() != 0)
+            m_lastingSegments[key] = segment->getMemorySize();
+        else
+            m_lastingSegments.erase(key);
+    } catch (...) {
+        if (isNew)
+            m_segments.erase(place);
+        throw;
+    }
+    if (!isNew)
+        delete std::exchange(place->second, segment);
 }
 
 /// Quirk: the file offset of such a section is its address. A section that is replaced stays alive as long as

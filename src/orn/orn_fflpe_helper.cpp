@@ -3,6 +3,7 @@
 
 #include "orn_fflpe.h"
 
+#include "orn_log.h"
 #include "orn_relocations.h"
 #include "orn_section_data.h"
 

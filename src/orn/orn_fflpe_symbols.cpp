@@ -148,7 +148,7 @@ status_t PEExecFileLoader::ExportReader::readFunction(std::uint32_t index) {
     }
     if (!isCode(address) || (m_filter && !m_filter->passes(address, address)))
         return status_Ok;
-    if (!isNamed)
+    if (name.empty())
         name = "ORD_" + std::to_string(static_cast<unsigned long long>(index) + m_directory.Base);
     addSymbol(name, address);
     return status_Ok;

@@ -142,7 +142,7 @@ PeExports& PeAssembler::exports(uint32_t rva) {
         m_exports.emplace();
         m_exportSection = static_cast<unsigned>(m_sections.size());
         section(".edata", rva, peReadOnly);
-        directory(exportDirectoryIndex, rva, 40);
+        directory(exportDirectoryIndex, rva, 0);
     }
     return *m_exports;
 }
@@ -261,6 +261,14 @@ uint32_t PeAssembler::sizeOfImage(const std::vector<Bytes>& contents) const {
     return static_cast<uint32_t>((end + sectionAlignment - 1) / sectionAlignment * sectionAlignment);
 }
 
+/// The export table's size is known when it is complete, unless the directory was set by hand.
+uint32_t PeAssembler::directorySize(unsigned index) const {
+    const auto& [rva, size] = m_directories.at(index);
+    if (index == exportDirectoryIndex && m_exports && size == 0 && rva != 0)
+        return static_cast<uint32_t>(m_exports->contents(rva).bytes().size());
+    return size;
+}
+
 void PeAssembler::writeFileHeader(ByteAssembler& out, const PeLayout& layout) const {
     constexpr uint16_t executableImage = 0x0002;
     constexpr uint16_t machine32Bit = 0x0100;
@@ -282,7 +290,7 @@ void PeAssembler::writeOptionalHeader(ByteAssembler& out, uint32_t sizeOfImage) 
     out.number(0x200000, word).number(0x1000, word).number(0x100000, word).number(0x1000, word);
     out.u32(0).u32(m_directoryCount);
     for (uint32_t i = 0; i < m_directoryCount; ++i)
-        out.u32(m_directories.at(i).first).u32(m_directories.at(i).second);
+        out.u32(m_directories.at(i).first).u32(directorySize(i));
 }
 
 void PeAssembler::writeSectionTable(ByteAssembler& out, const PeLayout& layout,

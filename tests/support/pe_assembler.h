@@ -126,6 +126,7 @@ private:
     std::vector<uint8_t> debugBytes(uint32_t fileOffset) const;
     uint32_t aligned(uint64_t value) const;
     uint32_t optionalHeaderSize() const;
+    uint32_t directorySize(unsigned index) const;
     uint32_t sizeOfImage(const std::vector<std::vector<uint8_t>>& contents) const;
     std::vector<uint32_t> longNameOffsets() const;
     void writeFileHeader(ByteAssembler& out, const PeLayout& layout) const;

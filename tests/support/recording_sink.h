@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orn_test {
@@ -29,9 +30,10 @@ public:
             sectionEnds.push_back({low, high, "", {}, {}, nullptr});
             return 0;
         }
-        ORN_3_30::ISymbol* symbol = scope->symbol();
-        entries.push_back({low, high, symbol->rawName(), symbol->kind(), symbol->visibility(),
-                           std::unique_ptr<ORN_3_30::Scope>(scope)});
+        std::unique_ptr<ORN_3_30::Scope> owned(scope); // also if there is no memory for its entry
+        ORN_3_30::ISymbol* symbol = owned->symbol();
+        entries.push_back(
+            {low, high, symbol->rawName(), symbol->kind(), symbol->visibility(), std::move(owned)});
         return 1;
     }
     int addScope(ORN_3_30::Scope* scope) override {
