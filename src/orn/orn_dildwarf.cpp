@@ -160,13 +160,21 @@ status_t DWARFDebugInfoLoader::loadChildren(DWARFCompilationUnit& unit, unsigned
 }
 
 ISrcLineResolver* DWARFDebugInfoLoader::getLineResolver(GlobalScope* scope, ILock* loadLock) {
+    if (LineResolver* known = knownLineResolver(scope, loadLock))
+        return known;
+    return keepLineResolver(new DWARFLineResolver(*formatLoader(), this, scope, loadLock));
+}
+
+LineResolver* DWARFDebugInfoLoader::knownLineResolver(GlobalScope* scope, ILock* loadLock) {
     m_loadLock = loadLock;
-    if (m_lineResolver) {
+    if (m_lineResolver)
         m_lineResolver->setScope(scope, loadLock);
-        return m_lineResolver;
-    }
-    m_lineResolver = new DWARFLineResolver(*formatLoader(), this, scope, loadLock);
-    m_lineResolverRef = m_lineResolver;
+    return m_lineResolver;
+}
+
+LineResolver* DWARFDebugInfoLoader::keepLineResolver(LineResolver* resolver) {
+    m_lineResolverRef = resolver;
+    m_lineResolver = resolver;
     for (auto& [offset, unit] : m_compUnits)
         unit->setLineResolver(m_lineResolver);
     return m_lineResolver;

@@ -16,7 +16,6 @@
 
 namespace ORN_3_30 {
 
-class DWARFLineResolver;
 class DWARFSymbolWalk;
 
 namespace dwarf_utils {
@@ -108,7 +107,13 @@ protected:
     /// Reads all units.
     status_t scanUnits();
 
+    // For loaders with address mappings and line resolvers of their own.
+
     void setAddressMapping(IAddressMapping* mapping) { m_addressMapping = mapping; }
+    /// The line resolver that was kept, from here on with that scope and lock; null before.
+    LineResolver* knownLineResolver(GlobalScope* scope, ILock* loadLock);
+    /// Keeps a new line resolver, and lets the units have it.
+    LineResolver* keepLineResolver(LineResolver* resolver);
 
     SymMgrObjectPtr<DWARFSections> m_sections;
 
@@ -129,7 +134,7 @@ private:
     SymMgrObjectPtr<IFileFormatHelper> m_helper;
     std::string m_symFileName;
     status_t m_lineStatus;
-    DWARFLineResolver* m_lineResolver;
+    LineResolver* m_lineResolver;
     SymMgrObjectPtr<ISrcLineResolver> m_lineResolverRef;
     ILock* m_loadLock;
     SymMgrObjectPtr<IAddressMapping> m_addressMapping; ///< null here

@@ -1,10 +1,10 @@
 // Recognition of a module file: the order of the tests decides, and each looks at the file itself and not at
-// its name, but for the kernel's. The manager and the module images call it. GPU binaries are not recognised
-// yet.
+// its name, but for the kernel's and those of GPU binaries. The manager and the module images call it.
 
 #include "orn_ffl_create.h"
 
 #include "orn_fflelf.h"
+#include "orn_fflkor.h"
 #include "orn_fflpe.h"
 #include "orn_filename.h"
 #include "orn_log.h"
@@ -31,7 +31,8 @@ bool isELF(IModuleImage& image) {
 }
 
 /// Without a loader in `out` the status says why.
-status_t recognise(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPtr<IModuleImage>& image) {
+status_t recognise(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPtr<IModuleImage>& image,
+                   const char* kernelName) {
     if (!hasKernelName(image->getPath()) && isPE(image->getPath())) {
         // A module that is embedded in a PE container is always ELF, whatever its bytes say: the loader's
         // status tells.
@@ -41,6 +42,8 @@ status_t recognise(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPt
             out = new ElfFileLoader(image);
     } else if (isELF(*image)) {
         out = new ElfFileLoader(image);
+    } else if (isKorBin(image->getPath())) {
+        out = new KorBinFileLoader(image->getPath(), kernelName, image->getArch());
     } else {
         return status_BadFileFormat;
     }
@@ -48,11 +51,12 @@ status_t recognise(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPt
 }
 
 /// IFileFormatLoader::create without trace and catch.
-status_t makeLoader(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPtr<IModuleImage>& image) {
+status_t makeLoader(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectPtr<IModuleImage>& image,
+                    const char* kernelName) {
     out = nullptr;
     if (!image)
         return status_InvalidArg;
-    return recognise(out, image);
+    return recognise(out, image, kernelName);
 }
 
 } // namespace
@@ -60,10 +64,9 @@ status_t makeLoader(SymMgrObjectPtr<IFileFormatLoader>& out, const SymMgrObjectP
 namespace internal {
 
 status_t createFileFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& out,
-                                const SymMgrObjectPtr<IModuleImage>& image,
-                                [[maybe_unused]] const char* kernelName) {
+                                const SymMgrObjectPtr<IModuleImage>& image, const char* kernelName) {
     ORN_TRACE("create");
-    return makeLoader(out, image);
+    return makeLoader(out, image, kernelName);
 }
 
 } // namespace internal
@@ -71,10 +74,10 @@ status_t createFileFormatLoader(SymMgrObjectPtr<IFileFormatLoader>& out,
 status_t IFileFormatLoader::create(
     SymMgrObjectPtr<IFileFormatLoader>& out,
     SymMgrObjectPtr<IModuleImage> image, // NOLINT(performance-unnecessary-value-param): the interface
-    [[maybe_unused]] const char* kernelName) {
+    const char* kernelName) {
     ORN_TRACE("create");
     try {
-        return makeLoader(out, image);
+        return makeLoader(out, image, kernelName);
     }
     ORN_CATCH_OUT_OF_MEMORY
 }
