@@ -15,6 +15,8 @@ void demangler(const std::uint8_t* data, std::size_t size);
 void section_data(const std::uint8_t* data, std::size_t size);
 void optreport(const std::uint8_t* data, std::size_t size);
 void systemmap(const std::uint8_t* data, std::size_t size);
+void tav(const std::uint8_t* data, std::size_t size);
+void lun(const std::uint8_t* data, std::size_t size);
 
 struct Target {
     const char* name; ///< also the folder of its corpus
@@ -29,6 +31,8 @@ inline constexpr Target targets[] = {
     {"section_data", section_data},
     {"optreport", optreport},
     {"systemmap", systemmap},
+    {"tav", tav},
+    {"lun", lun},
 };
 
 } // namespace orn_fuzz

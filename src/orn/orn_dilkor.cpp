@@ -202,7 +202,8 @@ ISourceLocation* KorSymbol::ensureLocation() {
 
 void KorSymbol::sourceLines(SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISourceLine>>>& out, IAddress* low,
                             IAddress* high) try {
-    out = new SymbolSourceLineIterator(scope(), LineQuery::everyFile, id(), ensureLocation(), low, high);
+    out = new SymbolSourceLineIterator(scope(), LineQuery::everyFile, id(), ensureLocation(), low, high,
+                                       m_lineResolver);
 } catch (const std::bad_alloc&) {
     ORN_LOG_ERROR("Out of memory");
     out = nullptr;

@@ -276,13 +276,14 @@ void InlineCallerSourceLineIterator::SeenInstances::clear() {
 
 SymbolSourceLineIterator::SymbolSourceLineIterator(IScope* scope, unsigned fileId,
                                                    unsigned long long symbolId, ISourceLocation* location,
-                                                   IAddress* low, IAddress* high)
+                                                   IAddress* low, IAddress* high, ISrcLineResolver* resolver)
     : SymMgrObject(nullptr),
       m_fileId(fileId),
       m_symbolId(symbolId),
       m_location(location),
       m_low(low),
-      m_high(high) {
+      m_high(high),
+      m_resolver(resolver) {
     if (ISymbol* symbol = scope->symbol())
         symbol->ranges(m_ranges);
     findLines();
@@ -311,11 +312,15 @@ void SymbolSourceLineIterator::reset() {
 /// Goes on to the first range, from the current one on, that has a line.
 void SymbolSourceLineIterator::findLines() {
     m_lines = nullptr;
-    if (!m_ranges || !m_location || m_fileId == LineQuery::everyFile)
+    if (!m_ranges || !hasSource())
         return;
     for (auto range = m_ranges->current(); range; range = m_ranges->next() ? m_ranges->current() : nullptr)
         if (queryRange(*range))
             return;
+}
+
+bool SymbolSourceLineIterator::hasSource() const {
+    return m_resolver || (m_location && m_fileId != LineQuery::everyFile);
 }
 
 bool SymbolSourceLineIterator::queryRange(ISymbolRange& range) {
@@ -332,12 +337,19 @@ bool SymbolSourceLineIterator::queryRange(ISymbolRange& range) {
     // away.
     if (low->pseudoAddr() > high->pseudoAddr() || (low->pseudoAddr() == high->pseudoAddr() && !isEmpty))
         return false;
-    ISourceFile* file = m_location->file();
-    if (!file || isFailure(file->sourceLines(m_lines, m_symbolId, low, high)))
+    if (isFailure(query(*low, *high)))
         m_lines = nullptr;
     if (m_lines && !m_lines->current())
         m_lines = nullptr;
     return m_lines != nullptr;
+}
+
+status_t SymbolSourceLineIterator::query(IAddress& low, IAddress& high) {
+    if (m_resolver)
+        return m_resolver->sourceLines(m_lines, m_symbolId, m_fileId, low.pseudoAddr(), high.pseudoAddr(),
+                                       nullptr);
+    ISourceFile* file = m_location->file();
+    return file ? file->sourceLines(m_lines, m_symbolId, &low, &high) : status_Fail;
 }
 
 } // namespace ORN_3_30

@@ -142,9 +142,12 @@ private:
 /// The lines of a symbol's ranges in the file that declares the symbol, clipped to two addresses.
 class SymbolSourceLineIterator : public SymMgrObject<IIterator<SymMgrObjectPtr<ISourceLine>>> {
 public:
-    /// The scope is borrowed; null limits do not clip. Without a file or a location there are no lines.
+    /// The scope is borrowed; null limits do not clip. Without a file or a location there are no lines,
+    /// unless `resolver` is given: it answers for every file, as a symbol whose declaration nobody tells
+    /// wants it.
     SymbolSourceLineIterator(IScope* scope, unsigned fileId, unsigned long long symbolId,
-                             ISourceLocation* location, IAddress* low, IAddress* high);
+                             ISourceLocation* location, IAddress* low, IAddress* high,
+                             ISrcLineResolver* resolver = nullptr);
 
     SymMgrObjectPtr<ISourceLine> current() override;
     bool next() override;
@@ -154,13 +157,16 @@ private:
     using Iterator = IIterator<SymMgrObjectPtr<ISourceLine>>;
 
     void findLines();
+    bool hasSource() const;
     bool queryRange(ISymbolRange& range);
+    status_t query(IAddress& low, IAddress& high);
 
     unsigned m_fileId;
     unsigned long long m_symbolId;
     SymMgrObjectPtr<ISourceLocation> m_location;
     SymMgrObjectPtr<IAddress> m_low;
     SymMgrObjectPtr<IAddress> m_high;
+    SymMgrObjectPtr<ISrcLineResolver> m_resolver; ///< null where the location's file is asked
     SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>> m_ranges; ///< null for a scope without symbol
     SymMgrObjectPtr<Iterator> m_lines; ///< of the current range; null at the end
 };
