@@ -39,6 +39,10 @@ void printFields(Output& output, const ModuleDescription& module) {
     putField(output, "Module", module.path);
     putField(output, "Format", wordFor(module.format));
     putField(output, "Architecture", wordFor(module.architecture));
+    if (module.isGpuBinary) {
+        putField(output, "Kernel", module.kernel.empty() ? "none named" : module.kernel);
+        putField(output, "Kernels", "not listed: the library's interfaces do not give them");
+    }
     putField(output, "Load address", hexText(module.loadAddress));
     putField(output, "Entry point", module.entryPoint ? hexText(*module.entryPoint) : "none");
     putField(output, "Image size", hexText(module.imageSize));
@@ -165,6 +169,10 @@ void printJson(Output& output, const ModuleDescription& module) {
     json.beginObject().key("module").string(module.path);
     json.key("format").string(wordFor(module.format));
     json.key("architecture").string(wordFor(module.architecture));
+    if (module.isGpuBinary) {
+        json.key("kernel").stringOrNull(module.kernel.empty() ? nullptr : module.kernel.c_str());
+        json.key("kernels").null();
+    }
     json.key("loadAddress").hex(module.loadAddress);
     json.key("entryPoint").hex(module.entryPoint);
     json.key("imageSize").hex(module.imageSize);

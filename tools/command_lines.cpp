@@ -161,6 +161,7 @@ int runLines(const LinesOptions& options) {
     ModuleSession session(options.module);
     if (!session.load())
         return exit_NotLoaded;
+    session.askForKernel();
     LineSource source;
     std::vector<LineRow> rows;
     status_t status = source.load(session);

@@ -45,6 +45,7 @@ int runSymbolize(const SymbolizeOptions& options) {
     ModuleSession session(options.module);
     if (!session.load())
         return exit_NotLoaded;
+    session.askForKernel();
     Output output(STDOUT_FILENO);
     Symbolizer symbolizer(session, options.space);
     const auto writer = makeWriter(options, session, output);

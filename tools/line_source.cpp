@@ -11,9 +11,7 @@
 namespace orn_tool {
 
 using ORN_3_30::IAddress;
-using ORN_3_30::IFileFormatLoader;
 using ORN_3_30::IIterator;
-using ORN_3_30::IModuleImage;
 using ORN_3_30::isFailure;
 using ORN_3_30::ISourceFile;
 using ORN_3_30::ISourceLine;
@@ -21,7 +19,6 @@ using ORN_3_30::ISourceLocation;
 using ORN_3_30::ISymbolFileToResolve;
 using ORN_3_30::status_t;
 using ORN_3_30::SymMgrObjectPtr;
-using enum ORN_3_30::arch_t;
 using enum ORN_3_30::status_t;
 using enum ORN_3_30::symbol_file_state_t;
 
@@ -78,8 +75,7 @@ auto keyOf(const LineRow& row) {
 } // namespace
 
 status_t LineSource::load(const ModuleSession& session) {
-    status_t status = IFileFormatLoader::create(
-        m_format, IModuleImage::create(session.path().c_str(), arch_unknown, false), nullptr);
+    status_t status = session.openFormat(m_format);
     CandidateIteratorPtr candidates;
     if (!isFailure(status))
         status = m_format->getSymbolFiles(candidates);

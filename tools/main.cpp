@@ -29,9 +29,13 @@ void addModule(CLI::App& command, ModuleChoice& module) {
         ->capture_default_str()
         ->allow_extra_args(false);
     command
-        .add_option("--arch", module.architecture,
-                    "Architecture, where the file does not tell it: a compressed Linux kernel")
+        .add_option(
+            "--arch", module.architecture,
+            "Architecture, where the file does not tell it: a compressed Linux kernel, or by its number a "
+            "GPU binary")
         ->check(CLI::IsMember(architectureWords()));
+    command.add_option("--kernel", module.kernel, "The kernel of a GPU binary that is meant")
+        ->type_name("NAME");
 }
 
 void addJson(CLI::App& command, bool& asJson) {

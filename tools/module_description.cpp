@@ -11,14 +11,12 @@ namespace orn_tool {
 using ORN_3_30::IAddress;
 using ORN_3_30::IFileFormatLoader;
 using ORN_3_30::IIterator;
-using ORN_3_30::IModuleImage;
 using ORN_3_30::IModuleSymbolBank;
 using ORN_3_30::ISection;
 using ORN_3_30::ISegment;
 using ORN_3_30::isFailure;
 using ORN_3_30::status_t;
 using ORN_3_30::SymMgrObjectPtr;
-using enum ORN_3_30::arch_t;
 using enum ORN_3_30::exec_format_t;
 using enum ORN_3_30::symbol_file_type_t;
 
@@ -29,7 +27,7 @@ std::string textOf(const char* text) {
 }
 
 bool isCode(ORN_3_30::exec_format_t format, unsigned segmentKind) {
-    return segmentKind == (format == exec_format_pe ? 1u : 0u);
+    return segmentKind == (format == exec_format_elf ? 0u : 1u);
 }
 
 std::vector<SegmentDescription> describeSegments(IModuleSymbolBank& bank) {
@@ -70,9 +68,7 @@ SectionDescription describeSection(IModuleSymbolBank& bank, ISection& section) {
 std::vector<SectionDescription> describeSections(const ModuleSession& session) {
     std::vector<SectionDescription> all;
     SymMgrObjectPtr<IFileFormatLoader> loader;
-    const status_t status = IFileFormatLoader::create(
-        loader, IModuleImage::create(session.path().c_str(), arch_unknown, false), nullptr);
-    if (isFailure(status) || !loader)
+    if (isFailure(session.openFormat(loader)) || !loader)
         return all;
     for (unsigned index = 0;; ++index) {
         SymMgrObjectPtr<ISection> section;
@@ -91,6 +87,8 @@ ModuleDescription describe(const ModuleSession& session) {
     module.path = textOf(bank.execFileName());
     module.format = bank.execFileFormat();
     module.architecture = bank.architecture();
+    module.isGpuBinary = module.format == exec_format_gpu;
+    module.kernel = session.kernel();
     module.loadAddress = bank.preferredLoadAddress();
     if (SymMgrObjectPtr<IAddress> entry = bank.entryPoint())
         module.entryPoint = entry->pseudoAddr();

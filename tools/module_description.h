@@ -36,6 +36,9 @@ struct ModuleDescription {
     std::string path; ///< as the library has it
     ORN_3_30::exec_format_t format;
     ORN_3_30::arch_t architecture;
+    /// Of one only the kernel that was asked for is known: no interface of the library lists the others.
+    bool isGpuBinary;
+    std::string kernel;
     unsigned long long loadAddress;
     std::optional<unsigned long long> entryPoint; ///< pseudo address
     unsigned long long imageSize;

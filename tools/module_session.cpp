@@ -12,11 +12,15 @@
 namespace orn_tool {
 
 using ORN_3_30::arch_t;
+using ORN_3_30::IFileFormatLoader;
+using ORN_3_30::IModuleImage;
 using ORN_3_30::isFailure;
 using ORN_3_30::ISymbolManager;
 using ORN_3_30::status_t;
+using ORN_3_30::SymMgrObjectPtr;
 using ORN_3_30::toUString;
 using enum ORN_3_30::arch_t;
+using enum ORN_3_30::exec_format_t;
 using enum ORN_3_30::status_t;
 
 namespace {
@@ -73,16 +77,29 @@ bool ModuleSession::load() {
     status_t status = ISymbolManager::create(m_manager);
     if (!isFailure(status)) {
         DebugFileSearch resolver(m_choice.debugDirectories, m_candidates);
-        const arch_t architecture =
-            m_choice.architecture.empty() ? arch_unknown : architectureFor(m_choice.architecture);
-        status =
-            m_manager->loadSymbolsFromModule(path().c_str(), &resolver, m_bank, architecture, false, nullptr);
+        status = m_manager->loadSymbolsFromModule(path().c_str(), &resolver, m_bank, architecture(), false,
+                                                  m_choice.kernel.c_str());
     }
     if (!isFailure(status) && !m_bank)
         status = status_Fail;
     if (isFailure(status))
         reportFailure(path(), status);
     return !isFailure(status);
+}
+
+status_t ModuleSession::openFormat(SymMgrObjectPtr<IFileFormatLoader>& loader) const {
+    const SymMgrObjectPtr<IModuleImage> image = IModuleImage::create(path().c_str(), architecture(), false);
+    return IFileFormatLoader::create(loader, image, m_choice.kernel.c_str());
+}
+
+void ModuleSession::askForKernel() const {
+    if (m_bank->execFileFormat() == exec_format_gpu && m_choice.kernel.empty())
+        printError("'" + printable(path()) + "' holds kernels of a GPU: name one with --kernel, and the " +
+                   "architecture that it was made for with --arch, to see its source lines");
+}
+
+arch_t ModuleSession::architecture() const {
+    return m_choice.architecture.empty() ? arch_unknown : architectureFor(m_choice.architecture);
 }
 
 std::size_t ModuleSession::addressWidth() const {

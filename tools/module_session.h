@@ -4,6 +4,7 @@
 
 #include "debug_file_search.h"
 
+#include "orn/file_format_loader.h"
 #include "orn/module_symbol_bank.h"
 #include "orn/symbol_manager.h"
 
@@ -19,6 +20,7 @@ enum exit_status_t : int { exit_Done = 0, exit_NotLoaded = 1, exit_Usage = 2 };
 struct ModuleChoice {
     std::string path;
     std::string architecture; ///< a word of architectureWords(); empty: the file tells it
+    std::string kernel;       ///< of a GPU binary
     std::vector<std::string> debugDirectories = {"/usr/lib/debug"};
 };
 
@@ -35,11 +37,19 @@ public:
     /// As it stands on the command line.
     const std::string& path() const { return m_choice.path; }
     ORN_3_30::IModuleSymbolBank& bank() const { return *m_bank; }
+    /// Of a GPU binary; empty if none was named.
+    const std::string& kernel() const { return m_choice.kernel; }
     const std::vector<Candidate>& candidates() const { return m_candidates; }
+    /// A loader of the module beside the bank's own, for what the bank does not tell.
+    ORN_3_30::status_t openFormat(ORN_3_30::SymMgrObjectPtr<ORN_3_30::IFileFormatLoader>& loader) const;
+    /// Says on standard error what is missing for the lines of a GPU binary.
+    void askForKernel() const;
     /// How wide the addresses of the module are as text, so that they stand in columns.
     std::size_t addressWidth() const;
 
 private:
+    ORN_3_30::arch_t architecture() const;
+
     ModuleChoice m_choice;
     ORN_3_30::SymMgrObjectPtr<ORN_3_30::ISymbolManager> m_manager;
     ORN_3_30::SymMgrObjectPtr<ORN_3_30::IModuleSymbolBank> m_bank;

@@ -134,6 +134,8 @@ const std::vector<std::string>& architectureWords() {
         std::vector<std::string> all;
         for (const arch_t architecture : namedArchitectures)
             all.emplace_back(wordFor(architecture));
+        for (unsigned number = arch_gpu_tav_first; number <= arch_gpu_lun_last; ++number)
+            all.push_back(std::to_string(number));
         return all;
     }();
     return words;
@@ -143,6 +145,9 @@ arch_t architectureFor(const std::string& word) {
     for (const arch_t architecture : namedArchitectures)
         if (word == wordFor(architecture))
             return architecture;
+    for (unsigned number = arch_gpu_tav_first; number <= arch_gpu_lun_last; ++number)
+        if (word == std::to_string(number))
+            return static_cast<arch_t>(number);
     return arch_unknown;
 }
 

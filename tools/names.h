@@ -20,7 +20,7 @@ const char* wordForSymbolFile(unsigned type);
 /// `state`: what ISymbolFileToResolve::state() gives.
 const char* wordForCandidate(unsigned state);
 
-/// The words that --arch takes.
+/// The words that --arch takes. Those of GPU binaries are numbers: one word means all of them.
 const std::vector<std::string>& architectureWords();
 /// What one of them means.
 ORN_3_30::arch_t architectureFor(const std::string& word);
