@@ -82,8 +82,9 @@ status_t KorLunDebugInfoParser::load() {
     if (!m_debugInfo || !m_debugInfo->data())
         return status_Fail;
     Bytes ptr = m_debugInfo->data();
-    if (!ORN_ASSERT((uint64_t)(ptr - m_debugInfo->data()) + sizeof(SProgramDebugDataHeaderLUN) <=
-                    m_debugInfo->size()))
+    if (!fits(ptr, sizeof(SProgramDebugDataHeaderLUN),
+              "(uint64_t)(ptr - m_debugInfo->data()) + sizeof(SProgramDebugDataHeaderLUN) <= "
+              "m_debugInfo->size()"))
         return status_BadFileFormat;
     const std::uint32_t kernels = programHeaderOf(*m_debugInfo).NumberOfKernels;
     ptr += sizeof(SProgramDebugDataHeaderLUN);
@@ -94,23 +95,36 @@ status_t KorLunDebugInfoParser::load() {
     return status_Ok;
 }
 
+/// Whether so many bytes from `ptr` on lie in the file; what is missing is logged as `expression`.
+bool KorLunDebugInfoParser::fits(Bytes ptr, unsigned long long size, const char* expression) const {
+    return ORN_ASSERT_TEXT(offsetOf(ptr) + size <= m_debugInfo->size(), expression);
+}
+
+bool KorLunDebugInfoParser::fitsKernelHeader(Bytes ptr) const {
+    return fits(
+        ptr, sizeof(SKernelDebugDataHeaderLUN),
+        "(uint64_t)(ptr - m_debugInfo->data()) + sizeof(SKernelDebugDataHeaderLUN) <= m_debugInfo->size()");
+}
+
 /// Enters the kernel whose record is at `ptr`, and steps over the record.
 status_t KorLunDebugInfoParser::indexKernel(Bytes& ptr) {
-    if (!ORN_ASSERT((uint64_t)(ptr - m_debugInfo->data()) + sizeof(SKernelDebugDataHeaderLUN) <=
-                    m_debugInfo->size()))
+    if (!fitsKernelHeader(ptr))
         return status_BadFileFormat;
     const auto* kernelHeader = reinterpret_cast<const SKernelDebugDataHeaderLUN*>(ptr);
     ptr += sizeof(SKernelDebugDataHeaderLUN);
     const std::uint32_t kernelNameSizeAligned = alignedNameSize(*kernelHeader);
-    if (!ORN_ASSERT((uint64_t)(ptr - m_debugInfo->data()) + kernelNameSizeAligned <= m_debugInfo->size()))
+    if (!fits(ptr, kernelNameSizeAligned,
+              "(uint64_t)(ptr - m_debugInfo->data()) + kernelNameSizeAligned <= m_debugInfo->size()"))
         return status_BadFileFormat;
     ptr += kernelNameSizeAligned;
-    if (!ORN_ASSERT((uint64_t)(ptr - m_debugInfo->data()) + kernelHeader->SizeMiraDbgInBytes <=
-                    m_debugInfo->size()))
+    if (!fits(ptr, kernelHeader->SizeMiraDbgInBytes,
+              "(uint64_t)(ptr - m_debugInfo->data()) + kernelHeader->SizeMiraDbgInBytes <= "
+              "m_debugInfo->size()"))
         return status_BadFileFormat;
     ptr += kernelHeader->SizeMiraDbgInBytes;
-    if (!ORN_ASSERT((uint64_t)(ptr - m_debugInfo->data()) + kernelHeader->SizeKorIsaDbgInBytes <=
-                    m_debugInfo->size()))
+    if (!fits(ptr, kernelHeader->SizeKorIsaDbgInBytes,
+              "(uint64_t)(ptr - m_debugInfo->data()) + kernelHeader->SizeKorIsaDbgInBytes <= "
+              "m_debugInfo->size()"))
         return status_BadFileFormat;
     ptr += kernelHeader->SizeKorIsaDbgInBytes;
     m_kernels[nameOf(*kernelHeader)] = kernelHeader; // of several of one name the last counts
@@ -150,9 +164,7 @@ bool KorLunDebugInfoParser::streamOffsets(const SKernelDebugDataHeaderLUN* kerne
     if (!ORN_ASSERT(kernelHeader))
         return false;
     Bytes ptr = reinterpret_cast<Bytes>(kernelHeader);
-    if (!ORN_ASSERT(ptr > m_debugInfo->data()) ||
-        !ORN_ASSERT((uint64_t)(ptr - m_debugInfo->data()) + sizeof(SKernelDebugDataHeaderLUN) <=
-                    m_debugInfo->size()))
+    if (!ORN_ASSERT(ptr > m_debugInfo->data()) || !fitsKernelHeader(ptr))
         return false;
     miraOffset = offsetOf(kernelHeader) + sizeof(SKernelDebugDataHeaderLUN) + alignedNameSize(*kernelHeader);
     korIsaOffset = miraOffset + kernelHeader->SizeMiraDbgInBytes;
@@ -207,8 +219,8 @@ status_t KorLunDebugInfoParser::getLines(const std::string& kernel, LineEntries&
         const status_t status = readMiraLines(kernelHeader, lineColumnInfo);
         if (status != status_Ok)
             return status;
-        return ORN_ASSERT(lineColumnInfo.size() > 0) ? status_Ok
-                                                     : status_Fail; // NOLINT: the words are logged
+        return ORN_ASSERT_TEXT(!lineColumnInfo.empty(), "lineColumnInfo.size() > 0") ? status_Ok
+                                                                                     : status_Fail;
     }
     InstructionMap isaLineInfo;
     status_t status = readInstructionMap(kernel, kernelHeader, isaDbgInfo, isaLineInfo);
@@ -218,8 +230,7 @@ status_t KorLunDebugInfoParser::getLines(const std::string& kernel, LineEntries&
     status = readMiraLines(kernelHeader, miraLineInfo);
     if (status != status_Ok)
         return status;
-    if (!ORN_ASSERT(miraLineInfo.size() >
-                    0)) // NOLINT(readability-container-size-empty): the words are logged
+    if (!ORN_ASSERT_TEXT(!miraLineInfo.empty(), "miraLineInfo.size() > 0"))
         return status_Fail;
     if (mapping) {
         for (const auto& [instruction, codeOffset] : isaLineInfo)

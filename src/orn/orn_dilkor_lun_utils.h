@@ -9,15 +9,6 @@
 
 namespace ORN_3_30 {
 
-/// A little-endian number as it lies in a file, at whatever address.
-class FileWord {
-public:
-    operator std::uint32_t() const { return internal::korWordAt(m_bytes, sizeof(m_bytes), 0); }
-
-private:
-    unsigned char m_bytes[4];
-};
-
 /// Head of the file, as it lies there.
 struct SProgramDebugDataHeaderLUN {
     FileWord Unused0;
@@ -88,6 +79,8 @@ private:
     unsigned long long offsetOf(const void* place) const {
         return static_cast<unsigned long long>(static_cast<Bytes>(place) - m_debugInfo->data());
     }
+    bool fits(Bytes ptr, unsigned long long size, const char* expression) const;
+    bool fitsKernelHeader(Bytes ptr) const;
     status_t indexKernel(Bytes& ptr);
     std::string nameOf(const SKernelDebugDataHeaderLUN& kernelHeader) const;
     bool streamOffsets(const SKernelDebugDataHeaderLUN* kernelHeader, unsigned long long& miraOffset,

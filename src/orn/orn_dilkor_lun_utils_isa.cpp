@@ -63,7 +63,7 @@ status_t LunDbgParser::getKernelNames(std::vector<std::string>& out) {
 
 status_t LunDbgParser::getInstructionMap(const std::string& kernel,
                                          std::vector<std::pair<unsigned, unsigned>>& out) {
-    if (!ORN_ASSERT(m_kernels.size() > 0)) // NOLINT(readability-container-size-empty): the words are logged
+    if (!ORN_ASSERT_TEXT(!m_kernels.empty(), "m_kernels.size() > 0"))
         return status_Fail;
     out.clear();
     const auto found = m_kernels.find(kernel);

@@ -65,6 +65,15 @@ status_t readDebugInfoFile(SymMgrObjectPtr<IBuffer>& out, const char* path);
 
 } // namespace internal
 
+/// A little-endian number as it lies in a file, at whatever address.
+class FileWord {
+public:
+    operator std::uint32_t() const { return internal::korWordAt(m_bytes, sizeof(m_bytes), 0); }
+
+private:
+    unsigned char m_bytes[4];
+};
+
 } // namespace ORN_3_30
 
 #endif

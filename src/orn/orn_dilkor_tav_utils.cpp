@@ -19,17 +19,6 @@ using internal::korLimit;
 
 namespace {
 
-// The header, by offsets. What stands between is the writer's alone.
-constexpr unsigned versionOffset = 0x04;
-constexpr unsigned stringTableSizeOffset = 0x0c;
-constexpr unsigned kernelDataOffsetOffset = 0x14;
-constexpr unsigned limitAOffset = 0x18;
-constexpr unsigned limitBOffset = 0x1c;
-constexpr unsigned alignmentOffset = 0x20;
-constexpr unsigned numberOfKernelsOffset = 0x24;
-constexpr unsigned numberOfKernelDataOffset = 0x28;
-constexpr unsigned headerSize = 0x2c;
-
 constexpr unsigned wordSize = 4;
 constexpr unsigned kernelDataHeaderSize = 12;
 constexpr unsigned lineTableHeaderSize = 4;
@@ -42,6 +31,10 @@ bool isVersionOf(std::uint32_t version, unsigned arch) {
     const std::uint32_t end =
         arch == arch_gpu_tav_first ? internal::korNoVersion : internal::korFirstLunVersion;
     return version >= internal::korFirstVersion && version < end;
+}
+
+const SProgramDebugDataHeaderTAV& headerOf(IBuffer& buffer) {
+    return *reinterpret_cast<const SProgramDebugDataHeaderTAV*>(buffer.data());
 }
 
 } // namespace
@@ -58,17 +51,14 @@ bool KorTavDebugInfoParser::validate(const SymMgrObjectPtr<IBuffer>& buffer, uns
         return false;
     if (!buffer || !buffer->data() || buffer->size() < minimumSize())
         return false;
-    const auto field = [&](unsigned offset) {
-        return internal::korWordAt(buffer->data(), buffer->size(), offset);
-    };
-    const std::uint32_t kernels = field(numberOfKernelsOffset);
-    return isVersionOf(field(versionOffset), arch) && isKorAlignment(field(alignmentOffset)) &&
-           field(limitAOffset) <= korLimit && field(limitBOffset) <= korLimit &&
-           field(numberOfKernelDataOffset) <= kernels && kernels <= korLimit;
+    const SProgramDebugDataHeaderTAV& header = headerOf(*buffer);
+    return isVersionOf(header.Version, arch) && isKorAlignment(header.Alignment) &&
+           header.LimitA <= korLimit && header.LimitB <= korLimit &&
+           header.NumberOfKernelData <= header.NumberOfKernels && header.NumberOfKernels <= korLimit;
 }
 
 std::size_t KorTavDebugInfoParser::minimumSize() {
-    return headerSize;
+    return sizeof(SProgramDebugDataHeaderTAV);
 }
 
 status_t KorTavDebugInfoParser::create(SymMgrObjectPtr<IKorDebugInfoParser>& out,
@@ -96,7 +86,8 @@ bool KorTavDebugInfoParser::reaches(unsigned long long offset, unsigned long lon
 status_t KorTavDebugInfoParser::load() {
     const status_t status = readTables();
     if (isFailure(status)) {
-        m_header = m_fileTableHeader = m_dirTableHeader = nullptr;
+        m_header = nullptr;
+        m_fileTableHeader = m_dirTableHeader = nullptr;
         m_strings.clear();
     }
     return status;
@@ -105,11 +96,11 @@ status_t KorTavDebugInfoParser::load() {
 status_t KorTavDebugInfoParser::readTables() {
     m_strings.clear();
     const Bytes data = m_debugInfo ? m_debugInfo->data() : nullptr;
-    if (!data || m_debugInfo->size() < headerSize)
+    if (!data || m_debugInfo->size() < minimumSize())
         return status_BadFileFormat;
-    m_header = data;
+    m_header = &headerOf(*m_debugInfo);
     const unsigned long long fileTableHeader =
-        static_cast<unsigned long long>(headerSize) + wordAt(stringTableSizeOffset);
+        minimumSize() + static_cast<unsigned long long>(m_header->StringTableSize);
     if (!ORN_ASSERT_TEXT(
             reaches(fileTableHeader, wordSize),
             "(size_t)((uint8_t*)(m_fileTableHeader + 1) - 1 - (uint8_t*)m_header) <= m_debugInfo->size()"))
@@ -121,12 +112,12 @@ status_t KorTavDebugInfoParser::readTables() {
         return status_BadFileFormat;
     m_fileTableHeader = data + fileTableHeader;
     m_dirTableHeader = data + dirTableHeader;
-    return readStrings(headerSize);
+    return readStrings(minimumSize());
 }
 
 status_t KorTavDebugInfoParser::readStrings(unsigned long long stringTableEncoding) {
     const unsigned long long count = static_cast<unsigned long long>(wordAt(offsetOf(m_fileTableHeader))) +
-                                     wordAt(offsetOf(m_dirTableHeader)) + wordAt(numberOfKernelsOffset);
+                                     wordAt(offsetOf(m_dirTableHeader)) + m_header->NumberOfKernels;
     const unsigned long long size = m_debugInfo->size();
     if (!ORN_ASSERT_TEXT(
             stringTableEncoding <= size,
@@ -134,7 +125,7 @@ status_t KorTavDebugInfoParser::readStrings(unsigned long long stringTableEncodi
         return status_BadFileFormat;
     unsigned long long strings = stringTableEncoding;
     for (unsigned long long i = 0; i < count; ++i) {
-        const void* text = m_header + strings;
+        const void* text = m_debugInfo->data() + strings;
         const void* zero = std::memchr(text, 0, size - strings);
         m_strings.push_back(static_cast<const char*>(text));
         // Behind the zero. The one behind the file ends no string: stepping over it leads out.
@@ -143,7 +134,7 @@ status_t KorTavDebugInfoParser::readStrings(unsigned long long stringTableEncodi
                              "(size_t)((uint8_t*)strings - (uint8_t*)m_header) <= m_debugInfo->size()"))
             return status_BadFileFormat;
     }
-    if (!ORN_ASSERT_TEXT(strings - stringTableEncoding <= wordAt(stringTableSizeOffset),
+    if (!ORN_ASSERT_TEXT(strings - stringTableEncoding <= m_header->StringTableSize,
                          "(size_t)(strings - stringTableEncoding) <= m_header->StringTableSize"))
         return status_BadFileFormat;
     return status_Ok;
@@ -152,7 +143,7 @@ status_t KorTavDebugInfoParser::readStrings(unsigned long long stringTableEncodi
 // --- Queries
 
 unsigned KorTavDebugInfoParser::getNumberOfKernels() {
-    return m_header ? wordAt(numberOfKernelsOffset) : 0;
+    return m_header ? m_header->NumberOfKernels : 0;
 }
 
 status_t KorTavDebugInfoParser::copyStrings(unsigned long long first, unsigned long long count,
@@ -187,8 +178,8 @@ status_t KorTavDebugInfoParser::getLines(const std::string& kernel, std::vector<
         return result;
     if (!ORN_ASSERT(m_header) || !ORN_ASSERT(m_fileTableHeader))
         return status_BadFileFormat;
-    const std::uint32_t records = wordAt(numberOfKernelDataOffset);
-    unsigned long long record = offsetOf(m_dirTableHeader) + wordAt(kernelDataOffsetOffset);
+    const std::uint32_t records = m_header->NumberOfKernelData;
+    unsigned long long record = offsetOf(m_dirTableHeader) + m_header->KernelDataOffset;
     for (std::uint32_t i = 0; i < records; ++i) {
         if (!checkRecord(record, i))
             return status_BadFileFormat;
@@ -225,7 +216,7 @@ bool KorTavDebugInfoParser::checkRecord(unsigned long long kernelDataHeader, std
     // Records stand in ascending order of the index; kernels without lines leave gaps.
     const std::uint32_t kernelIndex = wordAt(kernelDataHeader);
     return ORN_ASSERT_TEXT(i <= kernelIndex, "i <= kernelDataHeader->KernelIndex") &&
-           ORN_ASSERT_TEXT(kernelIndex < wordAt(numberOfKernelsOffset),
+           ORN_ASSERT_TEXT(kernelIndex < m_header->NumberOfKernels,
                            "kernelDataHeader->KernelIndex < m_header->NumberOfKernels");
 }
 

@@ -6,6 +6,22 @@
 
 namespace ORN_3_30 {
 
+/// Head of the file, as it lies there. What has no meaning here is the writer's alone.
+struct SProgramDebugDataHeaderTAV {
+    FileWord Unused00;
+    FileWord Version;
+    FileWord Unused08;
+    FileWord StringTableSize;
+    FileWord Unused10;
+    FileWord KernelDataOffset; ///< in bytes, from the second of the counts behind the strings
+    FileWord LimitA;
+    FileWord LimitB;
+    FileWord Alignment;
+    FileWord NumberOfKernels;
+    FileWord NumberOfKernelData;
+};
+static_assert(sizeof(SProgramDebugDataHeaderTAV) == 0x2c);
+
 /// The older format: strings and line tables of all kernels of a program, in one small file.
 class KorTavDebugInfoParser : public SymMgrObject<IKorDebugInfoParser> {
 public:
@@ -50,7 +66,7 @@ private:
 
     SymMgrObjectPtr<IBuffer> m_debugInfo;
     // Into the buffer; null before load().
-    Bytes m_header;
+    const SProgramDebugDataHeaderTAV* m_header;
     Bytes m_fileTableHeader;
     Bytes m_dirTableHeader;
     std::vector<const char*> m_strings; ///< first group, source files, kernels
