@@ -293,4 +293,11 @@ TEST_F(HostileKorIsaTest, EveryChangedByteEndsCleanly) {
         }
 }
 
+TEST_F(HostileKorIsaTest, CountsBeyondAnyStreamTakeNoTime) {
+    constexpr std::size_t size = 1 << 20;
+    EXPECT_FALSE(visit(streamUpToVariables().u32(0xffffffff).fill(size).bytes())) << "a variable of 3 bytes";
+    EXPECT_FALSE(visit(streamUpToSubRoutines().u16(0xffff).fill(size / 2).bytes())) << "each of 11 bytes";
+    EXPECT_FALSE(visit(streamOf(0xffff).fill(size).bytes())) << "an object of 28 bytes";
+}
+
 } // namespace ORN_3_30::test
