@@ -9,6 +9,7 @@
 #include "orn_log.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include <sys/stat.h>
 
@@ -36,10 +37,11 @@ status_t readInto(SymMgrObjectPtr<IBuffer>& out, File& file, unsigned long long 
 } // namespace
 
 std::uint32_t korWordAt(const unsigned char* bytes, unsigned long long size, unsigned long long offset) {
-    std::uint32_t value = 0;
-    for (unsigned i = 0; i < sizeof(value) && offset < size && i < size - offset; ++i)
-        value |= static_cast<std::uint32_t>(bytes[offset + i]) << (8 * i);
-    return value;
+    unsigned char word[sizeof(std::uint32_t)] = {};
+    if (offset < size)
+        std::memcpy(word, bytes + offset, std::min<unsigned long long>(sizeof(word), size - offset));
+    return word[0] | static_cast<std::uint32_t>(word[1]) << 8 | static_cast<std::uint32_t>(word[2]) << 16 |
+           static_cast<std::uint32_t>(word[3]) << 24;
 }
 
 void readDebugInfoHeader(SymMgrObjectPtr<IBuffer>& out, const char* path, std::size_t size) {
