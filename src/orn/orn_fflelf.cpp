@@ -250,14 +250,16 @@ Segment* ElfFileLoader::createSegment(const char* name, unsigned long long rva, 
 }
 
 // The order is the order of preference: a debug file found by build id, one found by debug link, the module
-// itself. A container of managed code is none of these: where one was found, DWARF is not looked for. The
-// listings of a kernel come last: a kernel with debug information has more to tell.
+// itself. Where a container of managed code was found, its reader stands in place of these. The listings of
+// a kernel come last: a kernel with debug information has more to tell.
 status_t ElfFileLoader::collectSymbolFiles(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles) {
     IModuleImage* image = m_elfHelper->getImage();
     if (!image || !image->getPath())
         return status_Ok;
     readFileInfo();
-    if (m_oatDataSize == 0 || !m_oatData || !m_oatExec)
+    if (isOatContainer())
+        addOatCandidate(symbolFiles);
+    else
         addDwarfCandidates(symbolFiles);
     addKernelListings(symbolFiles, image->getPath(), &m_sharedLock);
     return status_Ok;
@@ -276,6 +278,8 @@ IDebugInfoLoader* ElfFileLoader::createDebugInfoLoader(const char* path, unsigne
         return createDwarfLoader(path);
     case symbol_file_kernel_map:
         return new SystemMAPDebugInfoLoader(this, path, m_elfHelper, getArch(), debugInfoLock());
+    case symbol_file_oat:
+        return createOatLoader(path);
     default:
         return nullptr;
     }

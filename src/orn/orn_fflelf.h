@@ -72,6 +72,9 @@ private:
     void addSectionsAsSegments();
     void addDwarfCandidates(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles);
     void findOatContainer();
+    bool isOatContainer() const { return m_oatDataSize != 0 && m_oatData && m_oatExec; }
+    void addOatCandidate(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles);
+    IDebugInfoLoader* createOatLoader(const char* path);
     void readTable(const ElfHelper::SymbolTableData& table, ISymbolTable* sink, LoadFilter* filter,
                    symbol_kind_t flags);
     void readThunks(ISymbolTable* sink, LoadFilter* filter);

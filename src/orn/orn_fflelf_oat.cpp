@@ -1,13 +1,16 @@
-// Recognises a container of compiled managed code by its dynamic symbols. Run by the ELF loader's constructor
-// only where the legacy reader is switched on by the environment; otherwise such a file is plain ELF.
+// Recognises a container of compiled managed code by its dynamic symbols, and makes its candidate and its
+// reader. Run by the ELF loader's constructor only where the legacy reader is switched on by the environment;
+// otherwise such a file is plain ELF.
 
 #include "orn_address.h"
 #include "orn_ffl_arith.h"
 #include "orn_fflelf.h"
 #include "orn_fflelf_symbols.h"
 #include "orn_log.h"
+#include "orn_oat.h"
 
 #include <cstring>
+#include <utility>
 
 namespace ORN_3_30 {
 
@@ -54,6 +57,23 @@ void ElfFileLoader::findOatContainer() {
     m_oatData = new Address(this, found.start, nullptr);
     m_oatExec = new Address(this, found.code, nullptr);
     m_oatDataSize = found.end - found.start;
+}
+
+void ElfFileLoader::addOatCandidate(std::vector<SymMgrObjectPtr<ISymbolFileToResolve>>& symbolFiles) {
+    SymMgrObjectPtr<ISymbolFileToResolve> candidate = new OATSymbolFileToResolve(0, getPath(), &m_sharedLock);
+    if (*candidate->wantedName() != '\0')
+        symbolFiles.push_back(std::move(candidate));
+}
+
+/// The container is read as a whole: methods, names and lines are scattered all over it.
+IDebugInfoLoader* ElfFileLoader::createOatLoader(const char* path) {
+    if (!isOatContainer())
+        return nullptr;
+    SymMgrObjectPtr<IBuffer> buffer;
+    const status_t st = readBytes(m_oatData->fileOffset(), m_oatDataSize, buffer);
+    if (!ORN_ASSERT_TEXT(st == status_Ok, "st==status_Ok"))
+        return nullptr;
+    return new OATDebugInfoLoader(this, path, debugInfoLock(), buffer, m_oatData, m_oatExec);
 }
 
 } // namespace ORN_3_30
