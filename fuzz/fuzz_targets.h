@@ -17,6 +17,8 @@ void optreport(const std::uint8_t* data, std::size_t size);
 void systemmap(const std::uint8_t* data, std::size_t size);
 void tav(const std::uint8_t* data, std::size_t size);
 void lun(const std::uint8_t* data, std::size_t size);
+void oat(const std::uint8_t* data, std::size_t size);
+void dex(const std::uint8_t* data, std::size_t size);
 
 struct Target {
     const char* name; ///< also the folder of its corpus
@@ -33,6 +35,8 @@ inline constexpr Target targets[] = {
     {"systemmap", systemmap},
     {"tav", tav},
     {"lun", lun},
+    {"oat", oat},
+    {"dex", dex},
 };
 
 } // namespace orn_fuzz

@@ -113,6 +113,7 @@ void addLine(MethodLineContext& context, std::uint32_t dexPc, std::uint32_t line
     context.m_currentLine = line;
 }
 
+/// Quirk: the first line is entered with the file that was named last, also where that is another one.
 void finishMethod(MethodLineContext& context) {
     if (context.m_fileId == MethodLineContext::none || context.m_firstLine == MethodLineContext::none)
         return;
