@@ -1,5 +1,5 @@
-// One dex file: every class, the names of its methods and their line programs, joined with a mapping table that
-// stands in front of it (one byte for its size).
+// One dex file: every class, the names of its methods and their line programs, joined with a mapping table
+// that stands in front of it (one byte for its size).
 
 #include "fuzz_targets.h"
 #include "memory_image.h"
@@ -35,7 +35,7 @@ void runLines(const DexLoader& dex, std::uint32_t classIndex, std::uint32_t code
         return;
     MethodLineContext context(resolver, mapping.map());
     context.m_methodSize = 64;
-    (void)runLineMachine(dex, code.debugInfoOffset, classIndex, context, budget);
+    (void)runLineMachine(dex, code.debug_info_off, classIndex, context, budget);
 }
 
 void walkClass(const DexLoader& dex, std::uint32_t classIndex, const OatMappingTable& mapping,
@@ -43,7 +43,7 @@ void walkClass(const DexLoader& dex, std::uint32_t classIndex, const OatMappingT
     DexClassDef classDef;
     if (!dex.readClassDef(classIndex, classDef))
         return;
-    DexClassData item(dex.walkerAt(classDef.classDataOffset), budget);
+    DexClassData item(dex.walkerAt(classDef.class_data_off), budget);
     if (isFailure(item.skipFields()))
         return;
     for (int seen = 0; seen < 1000 && item.nextMethod() == status_Ok; ++seen) {
@@ -52,8 +52,8 @@ void walkClass(const DexLoader& dex, std::uint32_t classIndex, const OatMappingT
         std::string_view descriptor;
         if (isFailure(dex.readMethodId(item.methodIdx(), id)))
             return;
-        (void)dex.readString(id.nameIdx, budget, name);
-        (void)dex.readTypeDescriptor(id.classIdx, budget, descriptor);
+        (void)dex.readString(id.name_idx, budget, name);
+        (void)dex.readTypeDescriptor(id.class_idx, budget, descriptor);
         runLines(dex, classIndex, item.codeOffset(), mapping, resolver, budget);
     }
 }

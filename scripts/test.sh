@@ -44,6 +44,7 @@ readonly fullNeeds=(
     gcc-mingw-w64-x86-64-posix=x86_64-w64-mingw32-gcc
     gcc-mingw-w64-i686-posix=i686-w64-mingw32-gcc
     lld=lld-link
+    dexdump=dexdump
 )
 
 # Libraries of other machines and systems, as data for the tests; tests that want one say so and skip without it.

@@ -639,7 +639,11 @@ TEST_F(ElfFileLoaderTest, OatContainerHasNoCandidatesWithDwarf) {
     elf.buildId({1, 2, 3, 4}).flags(0);
     EXPECT_EQ(candidatesOf(*loaderOf(elf)).size(), 1u);
     EnvironmentSwitch on("ORN_USE_LEGACY_OAT_READER", "1");
-    EXPECT_THAT(candidatesOf(*loaderOf(elf)), IsEmpty());
+    LoaderPtr loader = loaderOf(elf);
+    std::vector<SymMgrObjectPtr<ISymbolFileToResolve>> candidates;
+    EXPECT_EQ(loader->collectSymbolFiles(candidates), status_Ok);
+    ASSERT_EQ(candidates.size(), 1u);
+    EXPECT_EQ(candidates[0]->kind(), static_cast<unsigned>(symbol_file_oat));
 }
 
 TEST_F(ElfFileLoaderTest, OatTestDoesNotRunUnlessSwitchedOn) {

@@ -6,7 +6,7 @@
 #include "support/oat_reading.h"
 #include "support/orn_fixture.h"
 
-#include <chrono>
+#include <ctime>
 
 namespace ORN_3_30 {
 namespace {
@@ -23,40 +23,53 @@ using Bytes = std::vector<uint8_t>;
 class OatHostile : public test::OrnTest {
 protected:
     /// Damage is logged all over, and logging is not what is tested.
-    OatHostile() { setLogLevel(60000); }
+    OatHostile() : m_format(new ElfFileLoader(new orn_test::MemoryImage(orn_test::ElfAssembler().build()))) {
+        setLogLevel(60000);
+    }
+
+    void exercise(const Bytes& bytes, uint64_t executableOffset);
+
+private:
+    SymMgrObjectPtr<ElfFileLoader> m_format; ///< one for all: making it takes longer than what is tested
 };
 
 /// Something of everything that loading looks at, in as few bytes as may be.
-OatAssembler completeOat(int version) {
+DexAssembler completeDex() {
     DexAssembler dex;
     dex.addClass("LA;", "A.j");
     dex.addStaticField(0, "f");
-    dex.addMethod(0, "m", {.instructionUnits = 1,
-                           .lines = DexLines(9)
-                                        .parameters({"f"})
-                                        .startLocal(1)
-                                        .startLocalExtended(2)
-                                        .endLocal(1)
-                                        .advancePc(1)
-                                        .advanceLine(-2)
-                                        .row(1, 0)
-                                        .setFile("B.j")
-                                        .row(1, 1)
-                                        .end()});
+    dex.addMethod(0, "m",
+                  {.instructionUnits = 1,
+                   .lines = DexLines(9)
+                                .parameters({"f"})
+                                .startLocal(1)
+                                .startLocalExtended(2)
+                                .endLocal(1)
+                                .advancePc(1)
+                                .advanceLine(-2)
+                                .row(1, 0)
+                                .setFile("B.j")
+                                .row(1, 1)
+                                .end()});
     dex.addMethod(0, "n", {.instructionUnits = 1});
     dex.addMethod(0, "v", {.isVirtual = true, .hasCode = false});
+    return dex;
+}
+
+OatAssembler completeOat(int version) {
     OatAssembler oat(version);
     oat.alignment(4).store({'k', 0});
-    oat.addDex(dex);
+    oat.addDex(completeDex());
     oat.record(0, 0) = {
-        1, {{"m", {.size = 8, .isThumb = true, .nativeToDex = {{0, 1}, {2, 2}}, .dexToNative = {{4, 1}}}},
-            {"v", {.size = 4, .hasMapping = false}}}};
+        1,
+        {{"m", {.size = 8, .isThumb = true, .nativeToDex = {{0, 1}, {2, 2}}, .dexToNative = {{4, 1}}}},
+         {"v", {.size = 4, .hasMapping = false}}}};
     return oat;
 }
 
 /// Loads through a module's scope, and asks for what came out.
-void exercise(const Bytes& bytes, uint64_t executableOffset) {
-    OatReading reading(bytes, executableOffset);
+void OatHostile::exercise(const Bytes& bytes, uint64_t executableOffset) {
+    OatReading reading(bytes, executableOffset, m_format);
     GlobalScope scope(reading.format, reading.loader, nullptr);
     SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>> ranges;
     static_cast<void>(scope.symbolRanges(ranges, 0, ~0ULL, symbol_kind_all));
@@ -73,63 +86,61 @@ void exercise(const Bytes& bytes, uint64_t executableOffset) {
 TEST_F(OatHostile, EveryPrefixEndsCleanly) {
     for (const int version : {7, 14, 28}) {
         const OatAssembler oat = completeOat(version);
+        const uint32_t executableOffset = oat.executableOffset();
         const Bytes whole = oat.build();
         for (size_t size = 0; size <= whole.size(); ++size)
-            exercise({whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size)}, oat.executableOffset());
+            exercise({whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size)}, executableOffset);
     }
 }
 
 TEST_F(OatHostile, EveryChangeOfAByteEndsCleanly) {
-    for (const int version : {7, 28}) {
+    const OatAssembler oat = completeOat(28);
+    const ByteAssembler layout = oat.assemble();
+    const ByteAssembler inDex = completeDex().assemble();
+    const uint32_t executableOffset = oat.executableOffset();
+    const size_t dex = layout.offsetOf("dex:0");
+    const size_t dexMap = dex + inDex.offsetOf("map"); // which nobody reads
+    Bytes bytes = layout.bytes();
+    for (size_t at = 0; at < bytes.size(); ++at) {
+        if (at >= dexMap && at < layout.offsetOf("class:0:0"))
+            continue;
+        // Tables of identifiers: their numbers are right, too large, or lead elsewhere.
+        const bool isTable = at >= dex && at < dex + inDex.offsetOf("data");
+        const uint8_t right = bytes[at];
+        for (int wrong = 0; wrong < 256; wrong += isTable ? 15 : 1) {
+            bytes[at] = static_cast<uint8_t>(wrong);
+            exercise(bytes, executableOffset);
+        }
+        bytes[at] = right;
+    }
+}
+
+/// What older versions have differently is little: a choice of values will do.
+TEST_F(OatHostile, ChangesOfBytesOfOlderVersionsEndCleanly) {
+    for (const int version : {7, 15}) {
         const OatAssembler oat = completeOat(version);
+        const uint32_t executableOffset = oat.executableOffset();
         Bytes bytes = oat.build();
         for (uint8_t& byte : bytes) {
             const uint8_t right = byte;
-            for (const int wrong : {0, 1, 2, 3, 9, 10, 0x7F, 0x80, 0xFE, 0xFF, right ^ 1, right ^ 0x10, right ^ 0x40,
-                                    right ^ 0x80, right + 1, right - 1}) {
+            for (const int wrong :
+                 {0, 1, 9, 0x7F, 0x80, 0xFF, right ^ 1, right ^ 0x40, right + 1, right - 1}) {
                 byte = static_cast<uint8_t>(wrong);
-                exercise(bytes, oat.executableOffset());
+                exercise(bytes, executableOffset);
             }
             byte = right;
         }
     }
 }
 
-/// All values of each byte of what is small: class data, mapping table, line program, records.
-TEST_F(OatHostile, EveryValueOfEveryByteOfTheTablesEndsCleanly) {
-    const OatAssembler oat = completeOat(28);
-    const ByteAssembler layout = oat.assemble();
-    Bytes bytes = layout.bytes();
-    const size_t dex = layout.offsetOf("dex:0");
-    size_t dexSize = 0;
-    std::memcpy(&dexSize, &bytes[dex + 32], 4);
-    const auto classData = static_cast<ptrdiff_t>(dexSize) - 0xD0; // and the map behind it
-    struct Range {
-        size_t begin;
-        size_t end;
-    };
-    const size_t records = layout.offsetOf("class:0:0");
-    for (const Range range : {Range{dex + static_cast<size_t>(classData), dex + dexSize - 0xA0},
-                              Range{records, layout.offsetOf("executable") + 40}}) {
-        for (size_t at = range.begin; at < range.end; ++at) {
-            const uint8_t right = bytes[at];
-            for (int wrong = 0; wrong < 256; ++wrong) {
-                bytes[at] = static_cast<uint8_t>(wrong);
-                exercise(bytes, oat.executableOffset());
-            }
-            bytes[at] = right;
-        }
-    }
-}
-
 // --- Time
 
-/// Seconds that a load takes.
+/// Seconds of processor time that a load takes.
 double secondsOf(const Bytes& bytes, uint64_t executableOffset) {
     OatReading reading(bytes, executableOffset);
-    const auto begin = std::chrono::steady_clock::now();
+    const std::clock_t begin = std::clock();
     static_cast<void>(reading.load());
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    return static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
 }
 
 constexpr double muchTooLong = 10; // seconds; square time would take minutes, and these take fractions of one
@@ -160,7 +171,7 @@ Bytes everythingShared(uint32_t classCount, uint32_t methodCount, uint64_t& exec
 
 TEST_F(OatHostile, ClassesThatShareTheirDataDoNotMultiply) {
     uint64_t executableOffset = 0;
-    const Bytes bytes = everythingShared(3000, 3000, executableOffset);
+    const Bytes bytes = everythingShared(2000, 2000, executableOffset);
     EXPECT_LT(secondsOf(bytes, executableOffset), muchTooLong) << bytes.size();
 }
 
@@ -181,8 +192,8 @@ TEST_F(OatHostile, CountsThatArePromisedAreNotWalked) {
 
 /// Methods whose mapping tables, or line programs, or names, are all the same long one.
 TEST_F(OatHostile, MethodsThatShareOneLongTableDoNotMultiply) {
-    constexpr size_t methodCount = 2000;
-    constexpr size_t longSize = 200000;
+    constexpr size_t methodCount = 1000;
+    constexpr size_t longSize = 60000;
     for (const std::string what : {"mapping", "lines", "name"}) {
         DexAssembler dex;
         dex.addClass("LC;", "A.java");
@@ -207,13 +218,14 @@ TEST_F(OatHostile, MethodsThatShareOneLongTableDoNotMultiply) {
             const auto word = static_cast<uint32_t>(value);
             std::memcpy(&bytes[at], &word, 4);
         };
+        const std::string longName = "LZ" + std::string(longSize, 'z') + ";";
+        const uint32_t longIndex = what == "name" ? dex.stringIndex(longName) : 0;
         for (const std::string& name : dex.methodNames(0)) {
             const size_t code = layout.offsetOf("code:0:0:" + name);
             put(code - 12, code - layout.offsetOf("mapping:0:0:m"));
             put(dexAt + inDex.offsetOf("code:LC;" + name) + 8, inDex.offsetOf("lines:LC;m"));
             if (what == "name")
-                put(dexAt + inDex.offsetOf("method_id:LC;" + name) + 4,
-                    dex.stringIndex("LZ" + std::string(longSize, 'z') + ";"));
+                put(dexAt + inDex.offsetOf("method_id:LC;" + name) + 4, longIndex);
         }
         EXPECT_LT(secondsOf(bytes, layout.offsetOf("executable")), muchTooLong) << what;
     }
@@ -221,7 +233,7 @@ TEST_F(OatHostile, MethodsThatShareOneLongTableDoNotMultiply) {
 
 /// Sound files share as well: equal code is stored once, with its table, and so are line programs.
 TEST_F(OatHostile, SharingAsWritersDoItIsAfforded) {
-    constexpr size_t methodCount = 3000;
+    constexpr size_t methodCount = 1000;
     DexAssembler dex;
     dex.addClass("Lcom/acme/a/rather/deep/place/for/AClassWithALongName;", "AClassWithALongName.java");
     for (size_t i = 0; i < methodCount; ++i)

@@ -208,31 +208,30 @@ TEST_F(OatLines, MappedBytesHaveTheirLineAndGapsTheFirstOne) {
 TEST_F(OatLines, ThumbCodeHasItsLinesWhereItsSymbolIs) {
     Method method(DexLines(10).row(0, 0).row(1, 2).end(),
                   {.size = 0x10, .isThumb = true, .nativeToDex = {{0, 0}, {8, 2}}});
-    EXPECT_EQ(method.rows(), (Rows{{"Foo.java", 10, 0, 1},
-                                   {"Foo.java", 10, 1, 7},
-                                   {"Foo.java", 11, 8, 1},
-                                   {"Foo.java", 10, 9, 7}}));
+    EXPECT_EQ(
+        method.rows(),
+        (Rows{
+            {"Foo.java", 10, 0, 1}, {"Foo.java", 10, 1, 7}, {"Foo.java", 11, 8, 1}, {"Foo.java", 10, 9, 7}}));
 }
 
 TEST_F(OatLines, DexPcsBetweenRowsHaveTheLineOfTheRowInFront) {
     Method method(DexLines(10).row(0, 0).row(4, 6).row(4, 6).end(),
                   {.size = 0x10, .nativeToDex = {{0, 0}, {2, 3}, {4, 5}, {6, 6}, {8, 9}}});
     const Rows rows = method.rows();
-    EXPECT_THAT(rows, IsSupersetOf(Rows{{"Foo.java", 10, 2, 1},
-                                        {"Foo.java", 10, 4, 1},
-                                        {"Foo.java", 14, 6, 1},
-                                        {"Foo.java", 14, 8, 1}}));
+    EXPECT_THAT(
+        rows,
+        IsSupersetOf(Rows{
+            {"Foo.java", 10, 2, 1}, {"Foo.java", 10, 4, 1}, {"Foo.java", 14, 6, 1}, {"Foo.java", 14, 8, 1}}));
 }
 
 TEST_F(OatLines, DexPcsInFrontOfTheFirstRowHaveNoLineOfTheirOwn) {
     Method method(DexLines(10).row(0, 4).row(1, 2).end(), {.size = 8, .nativeToDex = {{2, 1}, {4, 4}}});
-    EXPECT_EQ(method.rows(), (Rows{{"Foo.java", 10, 0, 4},
-                                   {"Foo.java", 10, 4, 1},
-                                   {"Foo.java", 10, 5, 3}}));
+    EXPECT_EQ(method.rows(), (Rows{{"Foo.java", 10, 0, 4}, {"Foo.java", 10, 4, 1}, {"Foo.java", 10, 5, 3}}));
 }
 
 TEST_F(OatLines, DexPcsBehindTheLastRowAreLeftToTheFirstLine) {
-    Method method(DexLines(10).row(0, 0).row(7, 2).end(), {.size = 8, .nativeToDex = {{0, 0}, {2, 2}, {4, 3}}});
+    Method method(DexLines(10).row(0, 0).row(7, 2).end(),
+                  {.size = 8, .nativeToDex = {{0, 0}, {2, 2}, {4, 3}}});
     EXPECT_THAT(method.rows(), Contains(OatRow{"Foo.java", 10, 3, 5}));
 }
 
@@ -323,9 +322,9 @@ TEST_F(OatLines, WithoutAFileTheStateGoesOnAndNothingIsEntered) {
     joining.context.m_fileId = 0;
     addLine(joining.context, 2, 8);
     finishMethod(joining.context);
-    EXPECT_EQ(joining.reading.rows(), (Rows{{"Foo.java", 7, 0x501101, 3},
-                                            {"Foo.java", 8, 0x501104, 1},
-                                            {"Foo.java", 7, 0x501105, 11}}))
+    EXPECT_EQ(
+        joining.reading.rows(),
+        (Rows{{"Foo.java", 7, 0x501101, 3}, {"Foo.java", 8, 0x501104, 1}, {"Foo.java", 7, 0x501105, 11}}))
         << "what was covered before the file was known stays covered";
 }
 
@@ -362,8 +361,9 @@ TEST_F(DexLineMachineTest, SpecialOpcodesMoveBoth) {
 }
 
 TEST_F(DexLineMachineTest, AddressAndLineAdvance) {
-    Method method(DexLines(30).row(0, 0).advancePc(100).advanceLine(-7).row(0, 0).advanceLine(1000).row(0, 1).end(),
-                  {.size = 0x20, .nativeToDex = {{4, 100}, {8, 101}}});
+    Method method(
+        DexLines(30).row(0, 0).advancePc(100).advanceLine(-7).row(0, 0).advanceLine(1000).row(0, 1).end(),
+        {.size = 0x20, .nativeToDex = {{4, 100}, {8, 101}}});
     const Rows rows = method.rows();
     EXPECT_THAT(rows, Contains(OatRow{"Foo.java", 23, 4, 1}));
     EXPECT_THAT(rows, Contains(OatRow{"Foo.java", 1023, 8, 1}));
@@ -395,14 +395,19 @@ TEST_F(DexLineMachineTest, FileChangesInTheMiddle) {
 }
 
 TEST_F(DexLineMachineTest, FileIndexOutOfRangeChangesNothing) {
-    Method method(DexLines(30).raw({9, 0x7F}).raw({9, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F}).raw(
-                      {9, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F}).row(1, 0).end(),
+    Method method(DexLines(30)
+                      .raw({9, 0x7F})
+                      .raw({9, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F})
+                      .raw({9, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F})
+                      .row(1, 0)
+                      .end(),
                   {.size = 8});
     EXPECT_EQ(method.rows(), (Rows{{"Foo.java", 31, 0, 8}}));
 }
 
 TEST_F(DexLineMachineTest, FileWithOperandZeroEndsTheProgramWithAWarning) {
-    Method method(DexLines(30).row(1, 0).raw({9, 0}).row(1, 1).end(), {.size = 8, .nativeToDex = {{0, 0}, {4, 1}}});
+    Method method(DexLines(30).row(1, 0).raw({9, 0}).row(1, 1).end(),
+                  {.size = 8, .nativeToDex = {{0, 0}, {4, 1}}});
     expectLog("Dex line machine: unknown opcode 9");
     EXPECT_EQ(method.rows(status_BadFileFormat), (Rows{{"Foo.java", 31, 0, 1}}))
         << "lines entered so far stay, and the gaps are not filled";
@@ -431,7 +436,8 @@ TEST_F(DexLineMachineTest, ClassWithoutSourceFileHasLinesOnceAFileIsNamed) {
     EXPECT_THAT(without.fileNames, IsEmpty());
     Method named(DexLines(30).row(0, 0).setFile("Late.java").row(1, 2).end(),
                  {.size = 8, .nativeToDex = {{0, 0}, {4, 2}}}, 28, std::nullopt);
-    EXPECT_EQ(named.rows(), (Rows{{"Late.java", 30, 1, 3}, {"Late.java", 31, 4, 1}, {"Late.java", 30, 5, 3}}));
+    EXPECT_EQ(named.rows(),
+              (Rows{{"Late.java", 30, 1, 3}, {"Late.java", 31, 4, 1}, {"Late.java", 30, 5, 3}}));
 }
 
 TEST_F(DexLineMachineTest, MethodWithoutDebugInfoHasNoLines) {
@@ -514,7 +520,10 @@ TEST_F(DexLineMachineTest, ProgramPastTheEndIsRefused) {
 
 TEST_F(DexLineMachineTest, OperandThatIsCutOffIsRefused) {
     const std::vector<uint8_t> cutOff[] = {
-        {5, 0, 3, 1},       {5, 0, 3, 1, 1},    {5, 0, 4, 1, 1, 1}, {5, 0, 4, 1},
+        {5, 0, 3, 1},
+        {5, 0, 3, 1, 1},
+        {5, 0, 4, 1, 1, 1},
+        {5, 0, 4, 1},
     };
     for (const std::vector<uint8_t>& program : cutOff)
         EXPECT_EQ(statusOf(program), status_BadFileFormat) << program.size();
@@ -558,7 +567,8 @@ TEST_F(DexLineMachineTest, RowsAreThoseOfDexdump) {
     for (int i = 0; i < methodCount; ++i) {
         DexLines lines(500 + below(100));
         for (unsigned pc = 0; pc < units;) {
-            const unsigned step = 1 + below(6); // never two rows at one place, whose order is nobody's business
+            const unsigned step =
+                1 + below(6); // never two rows at one place, whose order is nobody's business
             if (below(3) == 0)
                 lines.advanceLine(static_cast<int>(below(200)) - 100);
             if (below(4) == 0)

@@ -1,4 +1,5 @@
-// Facts about the symbols of compiled managed code, their resolver, and how both look through a module's scope.
+// Facts about the symbols of compiled managed code, their resolver, and how both look through a module's
+// scope.
 
 #include "orn_oat_symbol.h"
 
@@ -110,7 +111,8 @@ TEST_F(OatSymbols, LinesAreThoseOfTheWholeMethodInAllItsFiles) {
     Loaded loaded;
     Lines lines;
     loaded.symbol("bar").sourceLines(lines, nullptr, nullptr);
-    EXPECT_THAT(linesIn(lines), ElementsAre(10, 11, 10, 10, 18, 10)) << "by file; gaps go to the file named last";
+    EXPECT_THAT(linesIn(lines), ElementsAre(10, 11, 10, 10, 18, 10))
+        << "by file; gaps go to the file named last";
     loaded.symbol("plain").sourceLines(lines, nullptr, nullptr);
     EXPECT_THAT(linesIn(lines), IsEmpty());
 }
@@ -232,7 +234,8 @@ SymMgrObjectPtr<IModuleSymbolBank> bankOf(const TempDir& directory, const OatAss
     SymMgrObjectPtr<ISymbolManager> manager;
     EXPECT_EQ(ISymbolManager::create(manager), status_Ok);
     SymMgrObjectPtr<IModuleSymbolBank> bank;
-    EXPECT_EQ(manager->loadSymbolsFromModule(path.c_str(), nullptr, bank, arch_unknown, false, nullptr), status_Ok);
+    EXPECT_EQ(manager->loadSymbolsFromModule(path.c_str(), nullptr, bank, arch_unknown, false, nullptr),
+              status_Ok);
     return bank;
 }
 

@@ -21,7 +21,8 @@ namespace ORN_3_30 {
 
 namespace {
 
-constexpr char magic[] = {'o', 'a', 't', '\n'};
+constexpr char magic[] = "oat\n";
+constexpr unsigned magicSize = 4;
 constexpr unsigned wordSize = 4;
 
 constexpr long long versionsRead[] = {7, 14, 15, 22, 23, 24, 25, 26, 27, 28};
@@ -128,9 +129,9 @@ status_t OATDebugInfoLoader::readOatHeader() {
 
 status_t OATDebugInfoLoader::readVersion() {
     constexpr unsigned versionSize = 4;
-    if (m_walker.remaining() < sizeof(magic) || std::memcmp(m_walker.cursor(), magic, sizeof(magic)) != 0)
+    if (m_walker.remaining() < magicSize || std::memcmp(m_walker.cursor(), magic, magicSize) != 0)
         return status_BadFileFormat;
-    m_walker.skip(sizeof(magic));
+    m_walker.skip(magicSize);
     if (m_walker.remaining() < versionSize)
         return status_BadFileFormat;
     // Three digits and a NUL, if all is well.

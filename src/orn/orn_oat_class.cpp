@@ -15,7 +15,7 @@ namespace {
 
 constexpr unsigned bitsOfByte = 8;
 
-/// A method's record.
+/// A method's record, `OatMethodOffsets`: the code offset, and what else the version has.
 constexpr unsigned longRecordSize = 28;
 constexpr unsigned shortRecordSize = 20;
 constexpr unsigned record_MappingTable = 16; ///< in the long form

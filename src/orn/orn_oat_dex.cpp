@@ -13,18 +13,18 @@ namespace ORN_3_30 {
 
 namespace {
 
-/// Offsets inside the header.
+/// Offsets of the header's fields.
 enum : unsigned {
-    header_Magic = 0,
-    header_Version = 4,
-    header_StringIdsSize = 56,
-    header_StringIdsOff = 60,
-    header_TypeIdsSize = 64,
-    header_TypeIdsOff = 68,
-    header_MethodIdsSize = 88,
-    header_MethodIdsOff = 92,
-    header_ClassDefsSize = 96,
-    header_ClassDefsOff = 100,
+    magicAt = 0,
+    versionAt = 4,
+    string_ids_size = 56,
+    string_ids_off = 60,
+    type_ids_size = 64,
+    type_ids_off = 68,
+    method_ids_size = 88,
+    method_ids_off = 92,
+    class_defs_size = 96,
+    class_defs_off = 100,
 };
 
 constexpr char magic[] = {'d', 'e', 'x'};
@@ -48,16 +48,16 @@ std::uint32_t u32At(const unsigned char* place) {
 // --- The header
 
 std::uint32_t DexLoader::classCountOf(IBuffer& buffer, std::uint32_t headerOffset) {
-    return u32At(buffer.data() + headerOffset + header_ClassDefsSize);
+    return u32At(buffer.data() + headerOffset + class_defs_size);
 }
 
 status_t DexLoader::checkHeader(IBuffer& buffer, std::uint32_t headerOffset) {
     const unsigned char* header = buffer.data() + headerOffset;
-    if (std::memcmp(header + header_Magic, magic, sizeof(magic)) != 0) {
+    if (std::memcmp(header + magicAt, magic, sizeof(magic)) != 0) {
         ORN_LOG_WARNING("Invalid or unsupported dex header");
         return status_False;
     }
-    if (std::memcmp(header + header_Version, version, sizeof(version)) != 0)
+    if (std::memcmp(header + versionAt, version, sizeof(version)) != 0)
         return status_UnsupportedFormatVersion;
     return status_Ok;
 }
@@ -76,7 +76,7 @@ std::uint32_t DexLoader::headerField(unsigned offset) const {
 }
 
 std::uint32_t DexLoader::classCount() const {
-    return headerField(header_ClassDefsSize);
+    return headerField(class_defs_size);
 }
 
 std::uint32_t DexLoader::oatClassOffset(std::uint32_t classIndex) const {
@@ -92,33 +92,33 @@ SectionWalker DexLoader::walkerAt(unsigned long long offset) const {
 // --- Items
 
 bool DexLoader::readClassDef(std::uint32_t classIndex, DexClassDef& out) const {
-    SectionWalker walker = walkerAt(headerField(header_ClassDefsOff) +
-                                    static_cast<unsigned long long>(classIndex) * classDefSize);
+    SectionWalker walker =
+        walkerAt(headerField(class_defs_off) + static_cast<unsigned long long>(classIndex) * classDefSize);
     if (walker.remaining() < classDefSize)
         return false;
-    out.classIdx = walker.readU32();
+    out.class_idx = walker.readU32();
     walker.skip(12); // access_flags, superclass_idx, interfaces_off
-    out.sourceFileIdx = walker.readU32();
+    out.source_file_idx = walker.readU32();
     walker.skip(4); // annotations_off
-    out.classDataOffset = walker.readU32();
+    out.class_data_off = walker.readU32();
     return true;
 }
 
 status_t DexLoader::readMethodId(std::uint32_t methodIdx, DexMethodId& out) const {
-    if (methodIdx >= headerField(header_MethodIdsSize))
+    if (methodIdx >= headerField(method_ids_size))
         return status_BadFileFormat;
-    SectionWalker walker = walkerAt(headerField(header_MethodIdsOff) +
-                                    static_cast<unsigned long long>(methodIdx) * methodIdSize);
+    SectionWalker walker =
+        walkerAt(headerField(method_ids_off) + static_cast<unsigned long long>(methodIdx) * methodIdSize);
     if (walker.remaining() < methodIdSize)
         return status_BadFileFormat;
-    out.classIdx = walker.readU16();
-    out.protoIdx = walker.readU16();
-    out.nameIdx = walker.readU32();
+    out.class_idx = walker.readU16();
+    out.proto_idx = walker.readU16();
+    out.name_idx = walker.readU32();
     return status_Ok;
 }
 
 bool DexLoader::hasString(std::uint32_t stringIdx) const {
-    return stringIdx < headerField(header_StringIdsSize);
+    return stringIdx < headerField(string_ids_size);
 }
 
 /// Quirk: the length in front of a string counts characters, and so many bytes are taken. They are the same
@@ -127,7 +127,7 @@ status_t DexLoader::readString(std::uint32_t stringIdx, OatBudget& budget, std::
     if (!hasString(stringIdx))
         return status_BadFileFormat;
     SectionWalker id =
-        walkerAt(headerField(header_StringIdsOff) + static_cast<unsigned long long>(stringIdx) * idSize);
+        walkerAt(headerField(string_ids_off) + static_cast<unsigned long long>(stringIdx) * idSize);
     std::uint32_t offset = 0;
     if (isFailure(id.getUnsigned4(offset)))
         return status_BadFileFormat;
@@ -143,10 +143,10 @@ status_t DexLoader::readString(std::uint32_t stringIdx, OatBudget& budget, std::
 
 status_t DexLoader::readTypeDescriptor(std::uint32_t typeIdx, OatBudget& budget,
                                        std::string_view& out) const {
-    if (typeIdx >= headerField(header_TypeIdsSize))
+    if (typeIdx >= headerField(type_ids_size))
         return status_BadFileFormat;
     SectionWalker id =
-        walkerAt(headerField(header_TypeIdsOff) + static_cast<unsigned long long>(typeIdx) * idSize);
+        walkerAt(headerField(type_ids_off) + static_cast<unsigned long long>(typeIdx) * idSize);
     std::uint32_t stringIdx = 0;
     if (isFailure(id.getUnsigned4(stringIdx)))
         return status_BadFileFormat;
@@ -161,21 +161,24 @@ bool DexLoader::readCodeItem(std::uint32_t codeOffset, DexCodeItem& out) const {
     if (codeOffset + itemNeeds > m_walker.size())
         return false;
     SectionWalker walker = walkerAt(codeOffset + 8ULL); // registers_size, ins_size, outs_size, tries_size
-    out.debugInfoOffset = walker.readU32();
-    out.instructionUnits = walker.readU32();
-    return codeOffset + out.instructionUnits * 2ULL + instructionsNeed <= m_walker.size();
+    out.debug_info_off = walker.readU32();
+    out.insns_size = walker.readU32();
+    return codeOffset + out.insns_size * 2ULL + instructionsNeed <= m_walker.size();
 }
 
 // --- Class data
 
 DexClassData::DexClassData(const SectionWalker& walker, OatBudget& budget)
-    : m_walker(walker),
-      m_budget(budget),
-      m_paidUpTo(walker.offset()),
-      m_staticFieldsSize(m_walker.readULEB()),
-      m_instanceFieldsSize(m_walker.readULEB()),
-      m_directMethodsSize(m_walker.readULEB()),
-      m_virtualMethodsSize(m_walker.readULEB()) {}
+    : m_walker(walker), m_budget(budget), m_paidUpTo(walker.offset()), m_sizes(readSizes(m_walker)) {}
+
+DexClassData::Sizes DexClassData::readSizes(SectionWalker& walker) {
+    Sizes sizes;
+    sizes.static_fields_size = walker.readULEB();
+    sizes.instance_fields_size = walker.readULEB();
+    sizes.direct_methods_size = walker.readULEB();
+    sizes.virtual_methods_size = walker.readULEB();
+    return sizes;
+}
 
 /// Classes may share their data, and a number may be drawn out over any number of bytes.
 bool DexClassData::payUpToHere() {
@@ -186,7 +189,8 @@ bool DexClassData::payUpToHere() {
 
 /// The two kinds of fields stand one behind the other, and nothing of a field is used: they are one run.
 status_t DexClassData::skipFields() {
-    unsigned long long left = internal::saturatingSum(m_staticFieldsSize, m_instanceFieldsSize);
+    unsigned long long left =
+        internal::saturatingSum(m_sizes.static_fields_size, m_sizes.instance_fields_size);
     for (; left > 0 && m_walker.remaining() >= fieldItemLeast; --left) {
         m_walker.readULEB(); // field_idx_diff
         m_walker.readULEB(); // access_flags
@@ -198,13 +202,13 @@ status_t DexClassData::skipFields() {
 
 /// Indices are told as differences, and each of the two kinds of methods begins at 0.
 status_t DexClassData::nextMethod() {
-    if (m_methodsSeen == internal::saturatingSum(m_directMethodsSize, m_virtualMethodsSize))
+    if (m_methodsSeen == internal::saturatingSum(m_sizes.direct_methods_size, m_sizes.virtual_methods_size))
         return status_False;
-    if (m_methodsSeen == 0 || m_methodsSeen == m_directMethodsSize)
+    if (m_methodsSeen == 0 || m_methodsSeen == m_sizes.direct_methods_size)
         m_methodIdx = 0;
     ++m_methodsSeen;
     readMethodItem();
-    m_methodIdx += m_item.methodIdxDiff;
+    m_methodIdx += m_item.method_idx_diff;
     return payUpToHere() ? status_Ok : status_BadFileFormat;
 }
 
@@ -212,9 +216,9 @@ status_t DexClassData::nextMethod() {
 void DexClassData::readMethodItem() {
     if (m_walker.remaining() < methodItemLeast)
         return;
-    m_item.methodIdxDiff = static_cast<std::uint32_t>(m_walker.readULEB());
-    m_item.accessFlags = static_cast<std::uint32_t>(m_walker.readULEB());
-    m_item.codeOffset = static_cast<std::uint32_t>(m_walker.readULEB());
+    m_item.method_idx_diff = static_cast<std::uint32_t>(m_walker.readULEB());
+    m_item.access_flags = static_cast<std::uint32_t>(m_walker.readULEB());
+    m_item.code_off = static_cast<std::uint32_t>(m_walker.readULEB());
 }
 
 } // namespace ORN_3_30

@@ -14,22 +14,22 @@ namespace ORN_3_30 {
 
 /// What is used of a `class_def_item`.
 struct DexClassDef {
-    std::uint32_t classIdx = 0;
-    std::uint32_t sourceFileIdx = 0;
-    std::uint32_t classDataOffset = 0; ///< 0: the class has no members
+    std::uint32_t class_idx = 0;
+    std::uint32_t source_file_idx = 0;
+    std::uint32_t class_data_off = 0; ///< 0: the class has no members
 };
 
 /// A `method_id_item`.
 struct DexMethodId {
-    std::uint16_t classIdx = 0;
-    std::uint16_t protoIdx = 0;
-    std::uint32_t nameIdx = 0;
+    std::uint16_t class_idx = 0;
+    std::uint16_t proto_idx = 0;
+    std::uint32_t name_idx = 0;
 };
 
 /// What is used of a `code_item`.
 struct DexCodeItem {
-    std::uint32_t debugInfoOffset = 0; ///< 0: the method has no lines
-    std::uint32_t instructionUnits = 0;
+    std::uint32_t debug_info_off = 0; ///< 0: the method has no lines
+    std::uint32_t insns_size = 0;
 };
 
 /// One dex file, from its header to the end of the container: what the header says of its own size is not
@@ -95,25 +95,29 @@ public:
     /// the item in front of the end, as often as the counts say.
     status_t nextMethod();
     std::uint32_t methodIdx() const { return m_methodIdx; }
-    std::uint32_t codeOffset() const { return m_item.codeOffset; }
+    std::uint32_t codeOffset() const { return m_item.code_off; }
 
 private:
+    struct Sizes {
+        unsigned long long static_fields_size;
+        unsigned long long instance_fields_size;
+        unsigned long long direct_methods_size;
+        unsigned long long virtual_methods_size;
+    };
     struct MethodItem {
-        std::uint32_t methodIdxDiff = 0;
-        std::uint32_t accessFlags = 0;
-        std::uint32_t codeOffset = 0;
+        std::uint32_t method_idx_diff = 0;
+        std::uint32_t access_flags = 0;
+        std::uint32_t code_off = 0;
     };
 
+    static Sizes readSizes(SectionWalker& walker);
     void readMethodItem();
     bool payUpToHere();
 
     SectionWalker m_walker;
     OatBudget& m_budget;
     unsigned long long m_paidUpTo;
-    unsigned long long m_staticFieldsSize;
-    unsigned long long m_instanceFieldsSize;
-    unsigned long long m_directMethodsSize;
-    unsigned long long m_virtualMethodsSize;
+    Sizes m_sizes;
     unsigned long long m_methodsSeen = 0;
     std::uint32_t m_methodIdx = 0;
     MethodItem m_item;

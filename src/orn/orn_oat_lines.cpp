@@ -148,7 +148,7 @@ enum : std::uint8_t {
 constexpr unsigned specialLineRange = 15;
 constexpr unsigned specialLineBase = 4; ///< lines that the least special opcode goes back
 
-/// One run over one line program.
+/// One run over one line program, a `debug_info_item`.
 class DexLineMachine {
 public:
     DexLineMachine(const DexLoader& dexLoader, MethodLineContext& context, OatBudget& budget)
@@ -183,8 +183,10 @@ status_t DexLineMachine::run(std::uint32_t debugInfoOffset, std::uint32_t classI
     m_paidUpTo = debugInfoOffset;
     if (m_walker.remaining() == 0)
         return status_BadFileFormat;
-    m_line = static_cast<std::uint32_t>(m_walker.readULEB());
-    for (unsigned long long names = m_walker.readULEB(); names > 0 && m_walker.remaining() > 0; --names)
+    const unsigned long long line_start = m_walker.readULEB();
+    m_line = static_cast<std::uint32_t>(line_start);
+    unsigned long long parameters_size = m_walker.readULEB();
+    for (; parameters_size > 0 && m_walker.remaining() > 0; --parameters_size)
         m_walker.readULEB();
     status_t status = startInFileOf(classIndex);
     while (!isFailure(status) && m_walker.remaining() > 1) {
@@ -209,9 +211,9 @@ bool DexLineMachine::payUpToHere() {
 /// A class without the name of a source file leaves the method without lines until its program names a file.
 status_t DexLineMachine::startInFileOf(std::uint32_t classIndex) {
     DexClassDef classDef;
-    if (!m_dexLoader.readClassDef(classIndex, classDef) || !m_dexLoader.hasString(classDef.sourceFileIdx))
+    if (!m_dexLoader.readClassDef(classIndex, classDef) || !m_dexLoader.hasString(classDef.source_file_idx))
         return status_Ok;
-    return enterFile(classDef.sourceFileIdx);
+    return enterFile(classDef.source_file_idx);
 }
 
 status_t DexLineMachine::enterFile(std::uint32_t stringIdx) {

@@ -57,7 +57,7 @@ status_t OATSymbolWalk::loadClass(DexLoader& dexFile, std::uint32_t classIndex) 
         return status_Ok;
     const SymMgrObjectPtr<OatClass> cl = OatClass::read(record, &dexFile, classIndex);
     // A class without a record has no method with code.
-    if (!ORN_ASSERT(cl != NULL) || classDef.classDataOffset == 0)
+    if (!ORN_ASSERT(cl != NULL) || classDef.class_data_off == 0)
         return status_Ok;
     return loadMethods(dexFile, *cl, classDef);
 }
@@ -67,7 +67,7 @@ status_t OATSymbolWalk::loadClass(DexLoader& dexFile, std::uint32_t classIndex) 
 status_t OATSymbolWalk::loadMethods(DexLoader& dexFile, OatClass& oatClass, const DexClassDef& classDef) {
     if (!oatClass.mayHaveRecordFrom(0, m_layout.version))
         return status_Ok;
-    DexClassData item(dexFile.walkerAt(classDef.classDataOffset), m_budget);
+    DexClassData item(dexFile.walkerAt(classDef.class_data_off), m_budget);
     if (const status_t status = item.skipFields(); isFailure(status))
         return status;
     for (std::uint32_t oatMethodIndex = 0;; ++oatMethodIndex) {
@@ -107,9 +107,9 @@ status_t OATSymbolWalk::readName(const DexLoader& dexFile, std::uint32_t methodI
         return status_BadFileFormat;
     if (const status_t status = dexFile.readMethodId(methodIdx, id); isFailure(status))
         return status;
-    if (const status_t status = dexFile.readString(id.nameIdx, m_budget, method); isFailure(status))
+    if (const status_t status = dexFile.readString(id.name_idx, m_budget, method); isFailure(status))
         return status;
-    if (const status_t status = dexFile.readTypeDescriptor(id.classIdx, m_budget, descr); isFailure(status))
+    if (const status_t status = dexFile.readTypeDescriptor(id.class_idx, m_budget, descr); isFailure(status))
         return status;
     return qualifiedMethodName(descr.data(), descr.size(), method, name);
 }
@@ -128,7 +128,7 @@ status_t OATSymbolWalk::loadLines(const DexLoader& dexFile, const OatClass& oatC
         ORN_LOG_WARNING("Invalid offset in dex method");
         return status_Ok;
     }
-    if (code.debugInfoOffset == 0)
+    if (code.debug_info_off == 0)
         return status_Ok;
     OatMappingTable& mapping = method.mappingTable();
     if (const status_t status = mapping.readMappingTable(m_budget); isFailure(status))
@@ -138,7 +138,7 @@ status_t OATSymbolWalk::loadLines(const DexLoader& dexFile, const OatClass& oatC
     context.m_executableAddress = m_layout.executableAddress;
     context.m_methodAddress = addressOf(method);
     context.m_methodSize = method.codeSize();
-    return runLineMachine(dexFile, code.debugInfoOffset, oatClass.classIndex(), context, m_budget);
+    return runLineMachine(dexFile, code.debug_info_off, oatClass.classIndex(), context, m_budget);
 }
 
 } // namespace ORN_3_30

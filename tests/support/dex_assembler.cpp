@@ -131,11 +131,11 @@ struct DexAssembler::Tables {
     }
     uint32_t string(std::string_view text) const { return indexIn(strings, text); }
     uint32_t type(std::string_view descriptor) const { return indexIn(types, descriptor); }
-    static uint32_t indexOf(const std::vector<Member>& members, const std::string& key) {
-        for (size_t i = 0; i < members.size(); ++i)
-            if (members[i].key == key)
-                return static_cast<uint32_t>(i);
-        throw std::logic_error("no such member: " + key);
+    uint32_t memberIndex(const std::vector<Member>& members, const std::string& descriptor,
+                         const std::string& name) const {
+        const auto found =
+            std::lower_bound(members.begin(), members.end(), Member{type(descriptor), string(name), {}});
+        return static_cast<uint32_t>(found - members.begin());
     }
 };
 
@@ -400,7 +400,7 @@ void DexAssembler::writeClassData(ByteAssembler& out, const Tables& ids, Section
         for (const auto* fields : {&dexClass.staticFields, &dexClass.instanceFields}) {
             std::set<uint32_t> indices;
             for (const Field& field : *fields)
-                indices.insert(Tables::indexOf(ids.fields, key(dexClass.descriptor, field.name)));
+                indices.insert(ids.memberIndex(ids.fields, dexClass.descriptor, field.name));
             uint32_t previous = 0;
             for (const uint32_t index : indices) {
                 out.uleb(index - previous);
@@ -415,7 +415,7 @@ void DexAssembler::writeClassData(ByteAssembler& out, const Tables& ids, Section
                 previous = 0;
             wasVirtual = method->body.isVirtual;
             const std::string name = key(dexClass.descriptor, method->name);
-            const uint32_t index = Tables::indexOf(ids.methods, name);
+            const uint32_t index = ids.memberIndex(ids.methods, dexClass.descriptor, method->name);
             out.define("member:" + name).uleb(index - previous);
             previous = index;
             uint32_t flags = ACC_PUBLIC;

@@ -15,6 +15,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orn_test {
@@ -41,8 +42,12 @@ class OatReading {
 public:
     explicit OatReading(const OatAssembler& oat) : OatReading(oat.build(), oat.executableOffset()) {}
     OatReading(const std::vector<uint8_t>& bytes, uint64_t executableOffset)
-        : format(new ORN_3_30::ElfFileLoader(new MemoryImage(ElfAssembler().build()))),
-          buffer(new ORN_3_30::ByteBuffer(bytes.size())) {
+        : OatReading(bytes, executableOffset,
+                     new ORN_3_30::ElfFileLoader(new MemoryImage(ElfAssembler().build()))) {}
+    /// With a format loader that may serve many readings.
+    OatReading(const std::vector<uint8_t>& bytes, uint64_t executableOffset,
+               ORN_3_30::SymMgrObjectPtr<ORN_3_30::ElfFileLoader> formatLoader)
+        : format(std::move(formatLoader)), buffer(new ORN_3_30::ByteBuffer(bytes.size())) {
         if (!bytes.empty())
             std::memcpy(buffer->data(), bytes.data(), bytes.size());
         using ORN_3_30::Address;
