@@ -123,11 +123,17 @@ TEST_P(OatTool, InfoNamesTheSymbolFile) {
     EXPECT_THAT(info(""), Not(HasSubstr("format: oat")));
 }
 
-TEST_P(OatTool, LinesAreFoundByTheirFile) {
-    const ProcessResult result = orn_test::runProcess({"env", "ORN_USE_LEGACY_OAT_READER=1", ORN_TOOL_PATH,
-                                                       "lines", m_path, "--symbol", "com.acme.Foo.bar"});
-    EXPECT_EQ(result.exitStatus, 0) << result.error;
-    EXPECT_THAT(result.output, HasSubstr("Foo.java:42"));
+TEST_P(OatTool, LinesAreListedBySymbolAndByFile) {
+    const auto lines = [&](const std::string& by, const std::string& name) {
+        const ProcessResult result = orn_test::runProcess(
+            {"env", "ORN_USE_LEGACY_OAT_READER=1", ORN_TOOL_PATH, "lines", m_path, by, name});
+        EXPECT_EQ(result.exitStatus, 0) << result.error;
+        EXPECT_EQ(result.error, "");
+        return result.output;
+    };
+    EXPECT_THAT(lines("--symbol", "com.acme.Foo.bar"), HasSubstr("Foo.java:42"));
+    EXPECT_THAT(lines("--file", "Main.java:8"), HasSubstr("Main.java:8"));
+    EXPECT_THAT(lines("--file", "Main.java:8"), Not(HasSubstr("Foo.java")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Versions, OatTool, testing::Values(7, 15, 28),

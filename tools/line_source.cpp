@@ -4,6 +4,7 @@
 #include "line_source.h"
 
 #include "orn/address.h"
+#include "orn/symbol_table.h"
 
 #include <algorithm>
 #include <tuple>
@@ -17,10 +18,12 @@ using ORN_3_30::ISourceFile;
 using ORN_3_30::ISourceLine;
 using ORN_3_30::ISourceLocation;
 using ORN_3_30::ISymbolFileToResolve;
+using ORN_3_30::ISymbolTable;
 using ORN_3_30::status_t;
 using ORN_3_30::SymMgrObjectPtr;
 using enum ORN_3_30::status_t;
 using enum ORN_3_30::symbol_file_state_t;
+using enum ORN_3_30::symbol_kind_t;
 
 namespace {
 
@@ -88,7 +91,20 @@ status_t LineSource::load(const ModuleSession& session) {
     if (isFailure(status) || !m_debugInfo)
         return isFailure(status) ? status : status_False;
     m_resolver = m_debugInfo->getLineResolver(nullptr, nullptr);
-    return m_resolver ? m_debugInfo->loadLineTable(m_resolver->lineTable()) : status_False;
+    if (!m_resolver)
+        return status_False;
+    status = m_debugInfo->loadLineTable(m_resolver->lineTable());
+    return status == status_False ? loadLinesWithSymbols() : status;
+}
+
+/// There are formats whose lines come with their symbols and not by themselves. The symbols are dropped.
+/// Lines in front of what is damaged are better than none.
+status_t LineSource::loadLinesWithSymbols() {
+    const SymMgrObjectPtr<ISymbolTable> symbols = ISymbolTable::create(nullptr);
+    if (!symbols)
+        return status_OutOfMemory;
+    const status_t status = m_debugInfo->loadSymbols(symbols, nullptr, symbol_kind_all, m_resolver);
+    return m_resolver->fileCount() != 0 ? status_Ok : status;
 }
 
 status_t LineSource::collectRange(unsigned long long low, unsigned long long high,

@@ -39,6 +39,8 @@ public:
                                    std::vector<LineRow>& rows);
 
 private:
+    ORN_3_30::status_t loadLinesWithSymbols();
+
     static constexpr unsigned everyFile = std::numeric_limits<unsigned>::max();
     static constexpr unsigned long long highest = std::numeric_limits<unsigned long long>::max();
 
