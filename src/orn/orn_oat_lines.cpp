@@ -183,10 +183,9 @@ status_t DexLineMachine::run(std::uint32_t debugInfoOffset, std::uint32_t classI
     m_paidUpTo = debugInfoOffset;
     if (m_walker.remaining() == 0)
         return status_BadFileFormat;
-    const unsigned long long line_start = m_walker.readULEB();
-    m_line = static_cast<std::uint32_t>(line_start);
-    unsigned long long parameters_size = m_walker.readULEB();
-    for (; parameters_size > 0 && m_walker.remaining() > 0; --parameters_size)
+    m_line = static_cast<std::uint32_t>(m_walker.readULEB()); // line_start
+    unsigned long long names = m_walker.readULEB();           // parameters_size
+    for (; names > 0 && m_walker.remaining() > 0; --names)
         m_walker.readULEB();
     status_t status = startInFileOf(classIndex);
     while (!isFailure(status) && m_walker.remaining() > 1) {
