@@ -207,9 +207,36 @@ SymbolTable::SymbolTable(Scope* scope, ILock* lock)
       m_isOrdered(true),
       m_changeStamp(0) {}
 
+/// The scopes have tables of their own, theirs too, as deep as expanded calls nest in damaged data: the
+/// scopes of a table that dies inside the death of another wait until that one is done, so that destructors
+/// do not nest.
 SymbolTable::~SymbolTable() {
+    using Scopes = decltype(m_scopes);
+    thread_local std::vector<Scopes>* waiting = nullptr;
+    if (m_scopes.empty())
+        return;
+    if (waiting) {
+        try {
+            waiting->push_back(std::move(m_scopes));
+            return;
+        } catch (const std::bad_alloc&) {
+            // Without memory for the list they nest after all.
+        }
+        for (Scope* scope : m_scopes)
+            delete scope;
+        return;
+    }
+    std::vector<Scopes> inside;
+    waiting = &inside;
     for (Scope* scope : m_scopes)
         delete scope;
+    while (!inside.empty()) {
+        const Scopes scopes = std::move(inside.back());
+        inside.pop_back();
+        for (Scope* scope : scopes)
+            delete scope;
+    }
+    waiting = nullptr;
 }
 
 // --- Taking scopes in
