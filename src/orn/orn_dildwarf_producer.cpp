@@ -127,7 +127,7 @@ void DWARFCompilationUnit::mergeCompileOptions(const char* text) {
     static const std::array<std::string, 3> debugOptions = {"-g ", "debug:all ", "debug:full "};
     static const std::array<std::string, 4> optimisationOptions = {"-O2 ", "-O3 ", "-Ox ", "-fast "};
     static const std::string stackCheck = "-check stack ";
-    if (!text || !m_sections->affordsText(text) || !m_sections->affordsText(m_compileOptions))
+    if (!text || !m_sections->affordsSearches(text) || !m_sections->affordsSearches(m_compileOptions))
         return;
     const std::string_view further = text;
     const std::string_view known = m_compileOptions;

@@ -17,14 +17,15 @@ namespace {
 /// Texts longer than this are noted, so that damaged data cannot have one of them searched again and again.
 constexpr unsigned long long longText = 256;
 
-/// Texts up to this length are read as often as they are named.
-constexpr std::size_t usualText = 512;
-/// A text is read many bytes at a time.
+/// Texts up to this length are read to their end as often as they are named, many bytes at a time.
+constexpr std::size_t usualText = 4096;
 constexpr std::size_t textBytesOfStep = 16;
+/// Texts up to this length are searched for each of many words as often as they are named.
+constexpr std::size_t usualSearchedText = 512;
 
 /// How much work beyond all that is usual the sections may cause for each of their bytes, and at any rate.
-constexpr unsigned long long excessOfByte = 16;
-constexpr unsigned long long excessAtAnyRate = 0x100000;
+constexpr unsigned long long excessOfByte = 8;
+constexpr unsigned long long excessAtAnyRate = 0x40000;
 
 /// How often each byte of `.debug_line` may be run, on average: units share programs where a tool has taken
 /// units apart. At any rate so many bytes, for small sections that have many units.
@@ -140,6 +141,12 @@ bool DWARFSections::affordsText(const char* text) {
     if (strnlen(text, usualText) < usualText)
         return true;
     return !isExcessUsedUp() && affords(std::strlen(text) / textBytesOfStep);
+}
+
+bool DWARFSections::affordsSearches(const char* text) {
+    if (strnlen(text, usualSearchedText) < usualSearchedText)
+        return true;
+    return !isExcessUsedUp() && affords(std::strlen(text));
 }
 
 bool DWARFSections::affordsLineProgram(unsigned long long size) {

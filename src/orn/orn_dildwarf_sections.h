@@ -102,6 +102,8 @@ public:
     void renewExcess();
     /// Whether a text may be read to its end: one of usual length always.
     bool affordsText(const char* text);
+    /// Whether a text may be searched for a few words.
+    bool affordsSearches(const char* text);
     /// Whether a line program of so many bytes may be run. Each unit runs its program once, so that units may
     /// share one, but not any number of them a long one.
     bool affordsLineProgram(unsigned long long size);
