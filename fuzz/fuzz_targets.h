@@ -15,6 +15,9 @@ void demangler(const std::uint8_t* data, std::size_t size);
 void section_data(const std::uint8_t* data, std::size_t size);
 void optreport(const std::uint8_t* data, std::size_t size);
 void systemmap(const std::uint8_t* data, std::size_t size);
+void dwarf_info(const std::uint8_t* data, std::size_t size);
+void dwarf_line(const std::uint8_t* data, std::size_t size);
+void dwarf_ranges(const std::uint8_t* data, std::size_t size);
 
 struct Target {
     const char* name; ///< also the folder of its corpus
@@ -29,6 +32,9 @@ inline constexpr Target targets[] = {
     {"section_data", section_data},
     {"optreport", optreport},
     {"systemmap", systemmap},
+    {"dwarf_info", dwarf_info},
+    {"dwarf_line", dwarf_line},
+    {"dwarf_ranges", dwarf_ranges},
 };
 
 } // namespace orn_fuzz
