@@ -448,5 +448,20 @@ TEST_F(DwarfWorkTest, EntriesWithOptionsDoNotSearchALongTextEach) {
     EXPECT_LT(secondsToLoad(), inTime);
 }
 
+TEST_F(DwarfWorkTest, FunctionsThatNestInsideOutAreTakenInInTime) {
+    constexpr unsigned count = 6000;
+    dwarf.abbreviation(
+        longCode, DW_TAG_subprogram, false,
+        {{DW_AT_name, DW_FORM_string}, {DW_AT_low_pc, DW_FORM_addr}, {DW_AT_high_pc, DW_FORM_data4}});
+    unitOf([](ByteAssembler& info) {
+        for (unsigned i = 1; i <= count; ++i)
+            info.u8(longCode).str("f" + std::to_string(i)).u64(0x1000 + count - i).u32(2 * i);
+    });
+    module.scope();
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(module.load(symbol_kind_function), status_OutOfMemory);
+    EXPECT_LT(secondsSince(begin), inTime);
+}
+
 } // namespace
 } // namespace ORN_3_30::test

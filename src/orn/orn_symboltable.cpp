@@ -29,6 +29,11 @@ namespace {
 /// inside 64 others on average. Beyond it the table is out of memory.
 constexpr unsigned long long listingsAlwaysAllowed = 16ULL << 20;
 constexpr unsigned long long listingsAllowedPerEntry = 64;
+/// Each listing moves those behind it in the list. Lists are as long as a forged file likes, so the moves are
+/// limited too, by far more than the longest lists of honest modules need: those of functions that the linker
+/// dropped, which all lie at one address.
+constexpr unsigned long long movesAlwaysAllowed = 1ULL << 28;
+constexpr unsigned long long movesAllowedPerEntry = 1ULL << 16;
 
 /// From `place` on, behind every entry that ends above `end`. Quirk: the head is passed whatever its end, the
 /// others only if their ends are greater.
@@ -204,6 +209,7 @@ SymbolTable::SymbolTable(Scope* scope, ILock* lock)
       m_plainLoader(nullptr),
       m_entryCount(0),
       m_furtherListings(0),
+      m_listingMoves(0),
       m_isOrdered(true),
       m_changeStamp(0) {}
 
@@ -526,6 +532,9 @@ void SymbolTable::list(CellList& list, CellEntry* entry) {
 
 void SymbolTable::listInFurtherCell(CellList& list, std::size_t place, CellEntry* entry) {
     if (m_furtherListings >= listingsAlwaysAllowed + listingsAllowedPerEntry * m_entryCount)
+        throw std::bad_alloc();
+    m_listingMoves += list.size() - place;
+    if (m_listingMoves > movesAlwaysAllowed + movesAllowedPerEntry * m_entryCount)
         throw std::bad_alloc();
     list.insert(m_listStore, place, entry);
     ++m_furtherListings;
