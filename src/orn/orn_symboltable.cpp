@@ -29,9 +29,9 @@ namespace {
 /// inside 64 others on average. Beyond it the table is out of memory.
 constexpr unsigned long long listingsAlwaysAllowed = 16ULL << 20;
 constexpr unsigned long long listingsAllowedPerEntry = 64;
-/// Each listing moves those behind it in the list. Lists are as long as a forged file likes, so the moves are
-/// limited too, by far more than the longest lists of honest modules need: those of functions that the linker
-/// dropped, which all lie at one address.
+/// Each listing moves those on one side of it in the list. Lists are as long as a forged file likes, so the
+/// moves are limited too, by far more than the longest lists of honest modules need: those of functions that
+/// the linker dropped, which all lie at one address.
 constexpr unsigned long long movesAlwaysAllowed = 1ULL << 28;
 constexpr unsigned long long movesAllowedPerEntry = 1ULL << 16;
 
@@ -533,7 +533,7 @@ void SymbolTable::list(CellList& list, CellEntry* entry) {
 void SymbolTable::listInFurtherCell(CellList& list, std::size_t place, CellEntry* entry) {
     if (m_furtherListings >= listingsAlwaysAllowed + listingsAllowedPerEntry * m_entryCount)
         throw std::bad_alloc();
-    m_listingMoves += list.size() - place;
+    m_listingMoves += std::min(place, list.size() - place);
     if (m_listingMoves > movesAlwaysAllowed + movesAllowedPerEntry * m_entryCount)
         throw std::bad_alloc();
     list.insert(m_listStore, place, entry);
