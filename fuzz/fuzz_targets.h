@@ -19,6 +19,9 @@ void tav(const std::uint8_t* data, std::size_t size);
 void lun(const std::uint8_t* data, std::size_t size);
 void oat(const std::uint8_t* data, std::size_t size);
 void dex(const std::uint8_t* data, std::size_t size);
+void dwarf_info(const std::uint8_t* data, std::size_t size);
+void dwarf_line(const std::uint8_t* data, std::size_t size);
+void dwarf_ranges(const std::uint8_t* data, std::size_t size);
 
 struct Target {
     const char* name; ///< also the folder of its corpus
@@ -37,6 +40,9 @@ inline constexpr Target targets[] = {
     {"lun", lun},
     {"oat", oat},
     {"dex", dex},
+    {"dwarf_info", dwarf_info},
+    {"dwarf_line", dwarf_line},
+    {"dwarf_ranges", dwarf_ranges},
 };
 
 } // namespace orn_fuzz

@@ -1,14 +1,17 @@
 // Damaged debug sections through the whole loader: every prefix and every changed byte loads and answers.
 
-#include "orn/source.h"
+#include "debug_sections.h"
 #include "support/dwarf_module.h"
 #include "support/orn_fixture.h"
 
 #include <chrono>
+#include <numeric>
 
 namespace ORN_3_30::test {
 namespace {
 
+using orn_fuzz::askEverything;
+using orn_fuzz::DebugSections;
 using orn_test::DwarfValue;
 using M = DwarfModule;
 using Bytes = std::vector<std::uint8_t>;
@@ -24,80 +27,103 @@ protected:
     static void build(DwarfModule& module) {
         const unsigned long long lines = module.lineProgram({"a.c", "b.h"}, 0x1000, 4);
         module.pair(0x1100, 0x1120).pair(~0ULL, 0x1000).pair(0x150, 0x160).pair(0, 0);
-        module.unit(M::lines(lines) + M::producer("GNU C 8.3.0") +
-                    DwarfAttrs{{DW_AT_low_pc, DW_FORM_addr, 0}});
+        module.unit(M::lines(lines) + DwarfAttrs{{DW_AT_producer, DW_FORM_strp, "GNU C 8.3.0"},
+                                                 {DW_AT_low_pc, DW_FORM_addr, 0}});
         module.leaf(DW_TAG_base_type, M::named("int") + DwarfAttrs{{DW_AT_byte_size, DW_FORM_data1, 4}},
                     "int");
-        module.leaf(DW_TAG_typedef, M::type("int"), "t");
-        module.open(DW_TAG_structure_type, DwarfAttrs{{DW_AT_sibling, DW_FORM_ref4, DwarfValue::ref("v")}},
+        module.leaf(DW_TAG_typedef, near(DW_AT_type, "int"), "t");
+        module.open(DW_TAG_structure_type, DwarfAttrs{{DW_AT_sibling, DW_FORM_ref1, DwarfValue::ref("v")}},
                     "s");
-        module.leaf(DW_TAG_member, M::named("m") + M::type("t") +
+        module.leaf(DW_TAG_member, M::named("m") + near(DW_AT_type, "t") +
                                        DwarfAttrs{{DW_AT_data_member_location, DW_FORM_data1, 0}});
-        module.leaf(DW_TAG_subprogram, M::named("method") + M::declared(2, 3), "method").close();
-        module.leaf(DW_TAG_variable, M::named("v") + M::place(0x2000) + M::type("s"), "v");
-        module.open(DW_TAG_array_type, M::type("int"), "a");
+        module.leaf(DW_TAG_subprogram, M::named("me") + M::declared(2, 3), "method").close();
+        module.leaf(DW_TAG_variable, M::named("v") + M::place(0x2000) + near(DW_AT_type, "s"), "v");
+        module.open(DW_TAG_array_type, near(DW_AT_type, "int"), "a");
         module.leaf(DW_TAG_subrange_type, {{DW_AT_upper_bound, DW_FORM_sdata, 9}}).close();
-        module.leaf(DW_TAG_variable, M::named("w") + M::place(0x2100) + M::type("a"));
-        module.leaf(DW_TAG_subprogram, M::declaredBy("method") + DwarfAttrs{{DW_AT_inline, DW_FORM_data1, 1}},
+        module.leaf(DW_TAG_variable, M::named("w") + M::place(0x2100) + near(DW_AT_type, "a"));
+        module.leaf(DW_TAG_subprogram,
+                    near(DW_AT_specification, "method") + DwarfAttrs{{DW_AT_inline, DW_FORM_data1, 1}},
                     "abstract");
         module.openFunction("f", 0x1000, 0x200).open(DW_TAG_lexical_block);
         module.open(DW_TAG_inlined_subroutine,
                     M::origin("abstract") + M::code(0x1010, 0x40) + M::called(1, 5));
-        module.leaf(DW_TAG_inlined_subroutine, M::origin("abstract") + M::ranges(0) + M::called(2, 6))
+        module
+            .leaf(DW_TAG_inlined_subroutine,
+                  near(DW_AT_abstract_origin, "abstract") + M::ranges(0) + M::called(2, 6))
             .close();
         module.leaf(DW_TAG_label, M::function("l", 0x1020, 0)).close().close();
-        module.leaf(DW_TAG_subprogram, M::origin("abstract") + M::ranges(0)).endUnit();
+        module.leaf(DW_TAG_subprogram, near(DW_AT_abstract_origin, "abstract") + M::ranges(0)).endUnit();
         module.unit(M::language(DW_LANG_Fortran90)).openFunction("g_", 0x3000, 0x20);
         module.leaf(DW_TAG_entry_point, M::function("e_", 0x3010, 0)).close().endUnit();
     }
+    /// A reference within the unit.
+    static DwarfAttrs near(unsigned attribute, const char* label) {
+        return {{attribute, DW_FORM_ref1, DwarfValue::ref(label)}};
+    }
 
-    /// Asks for all that there is, a few levels deep. Gives how many symbols were seen.
-    static std::size_t visit(IScope& scope, unsigned level) {
-        SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>> ranges;
-        static_cast<void>(scope.symbolRanges(ranges, 0, ~0ULL, symbol_kind_all));
-        std::size_t count = 0;
-        for (auto range = ranges ? ranges->current() : nullptr; range;
-             range = ranges->next() ? ranges->current() : nullptr) {
-            ++count;
-            SymMgrObjectPtr<ISourceLocation> location;
-            static_cast<void>(range->symbol()->sourceLocation(location));
-            if (IInlineInstance* instance = range->inlineInstance())
-                instance->callSite(location);
-            auto* symbol = dynamic_cast<DWARFSymbol*>(range->symbol());
-            if (symbol && level > 0)
-                count += visit(*symbol->scope(), level - 1);
+    /// The least of everything, small enough for each byte to take each value.
+    static void buildSmall(DwarfModule& module) {
+        orn_test::DwarfUnitOptions narrow;
+        narrow.addressSize = 4;
+        module.dwarf.beginLines().includeDirectory("i").endIncludeDirectories().file("a", 1).endFiles();
+        module.dwarf.extended(DW_LNE_set_address, {0, 0x10, 0, 0}).special(1, 2).endSequence().endLines();
+        module.dwarf.ranges().u32(0x1004).u32(0x1008).u32(0).u32(0);
+        module.unit(M::lines(0) + DwarfAttrs{{DW_AT_producer, DW_FORM_strp, "GNU "}}, narrow);
+        module.leaf(DW_TAG_base_type, {{DW_AT_byte_size, DW_FORM_data1, 4}}, "t");
+        module.leaf(DW_TAG_variable, M::named("v") + near(DW_AT_type, "t") +
+                                         DwarfAttrs{{DW_AT_location, DW_FORM_exprloc,
+                                                     std::vector<std::uint8_t>{DW_OP_addr, 0, 0x20, 0, 0}}});
+        module.leaf(DW_TAG_subprogram,
+                    M::named("a") + DwarfAttrs{{DW_AT_inline, DW_FORM_data1, 1},
+                                               {DW_AT_decl_file, DW_FORM_data1, 1},
+                                               {DW_AT_decl_line, DW_FORM_udata, 9}},
+                    "a");
+        module.openFunction("f", 0x1000, 0x20);
+        module.leaf(DW_TAG_inlined_subroutine,
+                    near(DW_AT_abstract_origin, "a") + M::ranges(0) + M::called(1, 5));
+        module.close().endUnit();
+    }
+    template <typename Build>
+    static DebugSections sectionsOf(const Build& build) {
+        DwarfModule module;
+        build(module);
+        DebugSections sections;
+        for (const section_kind_t kind : {section_debug_info, section_debug_abbrev, section_debug_str,
+                                          section_debug_line, section_debug_ranges}) {
+            SymMgrObjectPtr<ISectionData> data;
+            module.helper().getSectionData(data, kind);
+            sections[kind].assign(data->getData(), data->getData() + data->getSize());
         }
-        return count;
+        return sections;
     }
-    static std::size_t visitWith(section_kind_t kind, const Bytes& bytes) {
-        DwarfModule module;
-        build(module);
-        module.replace(kind, bytes);
-        return visit(module.scope(), 4);
-    }
-    static Bytes sectionOf(section_kind_t kind) {
-        DwarfModule module;
-        build(module);
-        SymMgrObjectPtr<ISectionData> data;
-        module.helper().getSectionData(data, kind);
-        return Bytes(data->getData(), data->getData() + data->getSize());
-    }
-
     static void expectEveryPrefixAnswers(section_kind_t kind) {
-        const Bytes whole = sectionOf(kind);
-        EXPECT_GT(visitWith(kind, whole), 10u);
-        for (std::size_t size = 0; size < whole.size(); ++size)
-            visitWith(kind, Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)));
-    }
-    static void expectEveryChangeAnswers(section_kind_t kind) {
-        const Bytes whole = sectionOf(kind);
-        for (std::size_t at = 0; at < whole.size(); ++at) {
-            for (unsigned change : {1U, 0x7fU, 0x80U, 0xffU}) {
-                Bytes changed = whole;
-                changed[at] = static_cast<std::uint8_t>(changed[at] ^ change);
-                visitWith(kind, changed);
-            }
+        DebugSections damaged = sectionsOf(build);
+        EXPECT_GT(askEverything(damaged), 10u);
+        for (Bytes& bytes = damaged[kind]; !bytes.empty();) {
+            bytes.pop_back();
+            askEverything(damaged);
         }
+    }
+    static void askChanged(DebugSections& sections, section_kind_t kind,
+                           const std::vector<unsigned>& changes) {
+        for (std::uint8_t& byte : sections[kind]) {
+            const std::uint8_t sound = byte;
+            for (const unsigned change : changes) {
+                byte = static_cast<std::uint8_t>(sound ^ change);
+                askEverything(sections);
+            }
+            byte = sound;
+        }
+    }
+    /// Each byte takes each value in the small module, and has each of its bits changed in the other.
+    static void expectEveryChangeAnswers(section_kind_t kind) {
+        std::vector<unsigned> changes(255);
+        std::iota(changes.begin(), changes.end(), 1U);
+        DebugSections small = sectionsOf(buildSmall);
+        EXPECT_EQ(askEverything(small), 3u);
+        askChanged(small, kind, changes);
+        DebugSections damaged = sectionsOf(build);
+        askChanged(damaged, kind, {1, 2, 4, 8, 0x10, 0x20, 0x40, 0x80});
     }
 };
 
@@ -107,6 +133,14 @@ TEST_F(DamagedDwarfTest, EveryPrefixOfTheEntriesAnswers) {
 
 TEST_F(DamagedDwarfTest, EveryPrefixOfTheAbbreviationsAnswers) {
     expectEveryPrefixAnswers(section_debug_abbrev);
+}
+
+TEST_F(DamagedDwarfTest, EveryPrefixOfTheTextsAnswers) {
+    expectEveryPrefixAnswers(section_debug_str);
+}
+
+TEST_F(DamagedDwarfTest, EveryPrefixOfTheLineProgramsAnswers) {
+    expectEveryPrefixAnswers(section_debug_line);
 }
 
 TEST_F(DamagedDwarfTest, EveryPrefixOfTheRangeListsAnswers) {
@@ -119,6 +153,14 @@ TEST_F(DamagedDwarfTest, EveryChangedByteOfTheEntriesAnswers) {
 
 TEST_F(DamagedDwarfTest, EveryChangedByteOfTheAbbreviationsAnswers) {
     expectEveryChangeAnswers(section_debug_abbrev);
+}
+
+TEST_F(DamagedDwarfTest, EveryChangedByteOfTheTextsAnswers) {
+    expectEveryChangeAnswers(section_debug_str);
+}
+
+TEST_F(DamagedDwarfTest, EveryChangedByteOfTheLineProgramsAnswers) {
+    expectEveryChangeAnswers(section_debug_line);
 }
 
 TEST_F(DamagedDwarfTest, EveryChangedByteOfTheRangeListsAnswers) {

@@ -569,6 +569,17 @@ TEST_F(InlineCallerTest, ManyCallsComeOnceEach) {
         EXPECT_EQ(1, std::count(numbers.begin(), numbers.end(), i)) << i;
 }
 
+TEST_F(InlineCallerTest, CallsAreLookedForOnceAtAnAddressHoweverManyLinesItHas) {
+    for (unsigned i = 0; i < 100; ++i)
+        add(1000 + i, 0x1000, 0x1010 + i);
+    scope->pieces = {{0x1000, 0x2000, nullptr, {{0x1000, 0x1008, callFrom(10)}}}};
+    const Lines lines = linesWithCallers(0x1000, 0x1000);
+    EXPECT_EQ(101u, numbersOf(lines).size());
+    EXPECT_THAT(scope->askedAt, ElementsAre(0x1000));
+    lines->reset();
+    EXPECT_EQ(101u, numbersOf(lines).size());
+}
+
 TEST_F(InlineCallerTest, CallsAreNotLimitedToTheFileOfTheQuery) {
     add(30, 0x1000, 0x1004, 1);
     add(31, 0x1000, 0x1004, 2);

@@ -115,9 +115,21 @@ bool checkUsage(const LinesOptions& options, std::vector<unsigned long long>& li
     return true;
 }
 
+/// A load of lines that fails for all units does not say why; a load of symbols does.
+status_t causeOf(const ModuleSession& session, status_t status) {
+    if (status != status_Fail)
+        return status;
+    SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISymbolRange>>> ranges;
+    const status_t told = session.bank().originalSymbolRanges(ranges, symbol_kind_all, nullptr, nullptr);
+    return isFailure(told) ? told : status;
+}
+
 void reportNoLines(const ModuleSession& session, status_t status) {
     const std::string problem = "no source lines of '" + printable(session.path()) + "' can be read: ";
-    if (isFailure(status))
+    status = causeOf(session, status);
+    if (status == status_UnsupportedFormatVersion)
+        printError(problem + unreadVersionText());
+    else if (isFailure(status))
         printError(
             problem + toUString(status) +
             ": the debug information is damaged or of a version that is not read; see it with readelf");

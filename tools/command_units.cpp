@@ -65,11 +65,19 @@ const char* nameOf(ICompUnitDetails& unit) {
     return file ? known(file->name()) : nullptr;
 }
 
-/// Empty if the compiler's version is not known.
+/// Empty if the compiler's version is not known: the library reads it from few forms of the compiler's text.
 std::string versionOf(ICompUnitDetails& unit) {
     const unsigned major = unit.getCompilerMajorVersion();
     const unsigned minor = unit.getCompilerMinorVersion();
     return major == 0 && minor == 0 ? "" : std::to_string(major) + '.' + std::to_string(minor);
+}
+
+/// A text that the library has no version from may hold one for the reader's eye.
+std::string versionCell(ICompUnitDetails& unit) {
+    const std::string version = versionOf(unit);
+    if (!version.empty())
+        return version;
+    return known(unit.getCompilerName()) ? "see compiler" : "-";
 }
 
 std::string orDash(const char* text) {
@@ -85,7 +93,7 @@ void printText(Output& output, const Units& units) {
                      {"compiler", TextTable::Align::Left},
                      {"options", TextTable::Align::Left}});
     for (const auto& [offset, unit] : units)
-        table.addRow({hexText(offset), wordFor(unit->getLanguage()), orDash(versionOf(*unit).c_str()),
+        table.addRow({hexText(offset), wordFor(unit->getLanguage()), versionCell(*unit),
                       orDash(nameOf(*unit)), orDash(unit->getCompilationDirectory()),
                       orDash(unit->getCompilerName()), orDash(unit->getCompileOptions())});
     if (!table.isEmpty())

@@ -125,9 +125,17 @@ void reportFailure(const std::string& path, status_t status) {
                adviceFor(path, status));
 }
 
+std::string unreadVersionText() {
+    return "the debug information is of a version that is not read; build with -gdwarf-4";
+}
+
 void warnAboutSymbols(const std::string& path, status_t status) {
-    printError("not all symbols of '" + printable(path) + "' could be read: " + toUString(status) +
-               ": answers may be missing; check the file with readelf or objdump");
+    const std::string problem = "not all symbols of '" + printable(path) + "' could be read: ";
+    if (status == status_UnsupportedFormatVersion)
+        printError(problem + unreadVersionText());
+    else
+        printError(problem + toUString(status) +
+                   ": answers may be missing; check the file with readelf or objdump");
 }
 
 } // namespace orn_tool

@@ -67,6 +67,9 @@ void reportFailure(const std::string& path, ORN_3_30::status_t status);
 /// One line of the program's own on standard error.
 void printError(const std::string& line);
 
+/// What there is to say about debug information of a version that the library does not read.
+std::string unreadVersionText();
+
 /// Says that symbols could be read in part only.
 void warnAboutSymbols(const std::string& path, ORN_3_30::status_t status);
 

@@ -24,6 +24,18 @@ bool isSet(const char* variable) {
     return value && *value;
 }
 
+/// How often each range of `.debug_ranges` may be read, on average, in a load and by what is asked of the
+/// inside of functions up to the next one; small sections have a number at any rate. Each list belongs to one
+/// entry; where damaged entries share a long list, what they make of it would grow with the product of both.
+constexpr unsigned long long readingsOfRange = 16;
+constexpr unsigned long long readingsAtAnyRate = 0x10000;
+constexpr unsigned long long smallestPair = 8;
+
+/// The same of entries inside functions, by the bytes of `.debug_info`. Each is read once for each kind of
+/// symbol that is asked for apart from the others.
+constexpr unsigned long long entriesOfByte = 16;
+constexpr unsigned long long entriesAtAnyRate = 0x100000;
+
 } // namespace
 
 // --- Segments
@@ -70,12 +82,11 @@ DWARFDebugInfoLoader::DWARFDebugInfoLoader(FileFormatLoader* formatLoader, const
       m_loadLock(nullptr),
       m_walk(std::make_unique<DWARFSymbolWalk>(*this)),
       m_rangesBudget(0),
+      m_insideBudget(0),
       m_loadDwarfSymbols(!isSet("ORN_SKIP_DWARF_SYMBOLS")),
       m_status(status_Ok),
       m_scanStatus(status_Ok),
-      m_topEntriesRead(false) {
-    renewRangesBudget();
-}
+      m_topEntriesRead(false) {}
 
 /// Symbols that someone still holds keep their units; these then have no loader to ask.
 DWARFDebugInfoLoader::~DWARFDebugInfoLoader() {
@@ -139,9 +150,15 @@ status_t DWARFDebugInfoLoader::ensureSections() {
     return status;
 }
 
+void DWARFDebugInfoLoader::renewBudgets() {
+    m_rangesBudget = readingsAtAnyRate + readingsOfRange * (m_sections->rangesSize() / smallestPair);
+    m_insideBudget = entriesAtAnyRate + entriesOfByte * m_sections->info().size();
+    m_sections->renewExcess();
+}
+
 void DWARFDebugInfoLoader::loadUnitSymbols(ISymbolTable* sink, LoadFilter* filter, symbol_kind_t flags) {
     m_segments.ensureRead(fileLoader());
-    renewRangesBudget();
+    renewBudgets();
     for (auto& [offset, unit] : m_compUnits) {
         if (unit->hasEntries())
             m_walk->walkUnit(*unit, m_loadDwarfSymbols ? flags : symbol_kind_none, DWARFSymbolSink(sink),
@@ -154,7 +171,6 @@ status_t DWARFDebugInfoLoader::loadChildren(DWARFCompilationUnit& unit, unsigned
     if (!m_sections->info().isPresent())
         return status_NoDebugInfo;
     m_segments.ensureRead(fileLoader());
-    renewRangesBudget();
     m_walk->walkChildren(unit, entryOffset, flags, DWARFSymbolSink(scope));
     return status_Ok;
 }

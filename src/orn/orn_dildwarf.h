@@ -97,6 +97,16 @@ public:
     /// selection must not carry a range beyond.
     unsigned long long readRanges(DWARFCompilationUnit& unit, const AttrBinding* rangesAttr,
                                   unsigned addressSize, RangeDeque* out, unsigned long long limit);
+    /// Sorts a list that would take too long to be made the list of a scope as it is.
+    void sortIfLong(RangeDeque& ranges) const;
+    /// Whether the inside of functions may still be read: `entries` is taken off what is left. Functions and
+    /// labels nest in damaged data as deep as it likes, and the inside of each is read with all that is below
+    /// it.
+    bool affordsInside(unsigned long long entries) {
+        const bool isAfforded = entries <= m_insideBudget;
+        m_insideBudget = isAfforded ? m_insideBudget - entries : 0;
+        return isAfforded;
+    }
 
 protected:
     // orn_dildwarf_scan.cpp
@@ -126,8 +136,7 @@ private:
 
     status_t ensureUnits();
     status_t ensureSections();
-    /// Before each walk.
-    void renewRangesBudget();
+    void renewBudgets();
     void loadUnitSymbols(ISymbolTable* sink, LoadFilter* filter, symbol_kind_t flags);
 
     UnitsByOffset m_compUnits;
@@ -140,7 +149,9 @@ private:
     SymMgrObjectPtr<IAddressMapping> m_addressMapping; ///< null here
     AbbrevTables m_abbrevTables;
     std::unique_ptr<DWARFSymbolWalk> m_walk; ///< one serves all walks, which do not overlap
-    unsigned long long m_rangesBudget;       ///< pairs that the walk may still read
+    // Left until the next load of symbols.
+    unsigned long long m_rangesBudget; ///< pairs of range lists
+    unsigned long long m_insideBudget; ///< entries inside functions
     SegmentSpans m_segments;
     DWARFTypes m_types;
     bool m_loadDwarfSymbols; ///< false: units, lines and compiler details, and no symbols

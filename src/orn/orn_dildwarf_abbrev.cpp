@@ -82,15 +82,17 @@ public:
     AbbrevTableReader(const SectionWalker& walker, AbbrevPool& pool, PagedMap& map)
         : m_walker(walker), m_pool(pool), m_map(map) {}
 
-    void readTable() {
+    /// Gives the offset behind the table.
+    unsigned long long readTable() {
         bool firstCodeSeen = false;
         while (const unsigned long long code = m_walker.readULEB()) {
             // A table without its final zero runs on into the next one, which begins with code 1 again.
             if (code == 1 && firstCodeSeen)
-                return;
+                break;
             firstCodeSeen |= code == 1;
             define(code, readEntry());
         }
+        return m_walker.offset();
     }
 
 private:
@@ -243,7 +245,11 @@ PagedMap::PagedMap() {
 
 const AbbrevEntry*& PagedMap::operator[](unsigned long long code) {
     const unsigned long long page = code >> pageShift;
-    const bool isFar = code > maxPagedCode || page >= pageTableSlack + 2 * m_definedPages;
+    const bool hasPage = page < m_pages.size() && m_pages[page];
+    const bool isSparse = m_definedPages > 1 && m_definitions < leastCodesOfPage * m_definedPages;
+    const bool isFar =
+        code > maxPagedCode || page >= pageTableSlack + 2 * m_definedPages || (!hasPage && isSparse);
+    ++m_definitions;
     // A code once in the side map stays there, also when the page table has grown past it.
     if (isFar || (!m_farCodes.empty() && m_farCodes.count(code) != 0))
         return m_farCodes[code];
@@ -267,17 +273,24 @@ std::size_t PagedMap::pageCount() const {
 
 AbbrevTable::AbbrevTable(const unsigned char* begin, unsigned long long size, unsigned long long offset,
                          std::shared_ptr<AbbrevPool> pool)
-    : m_pool(std::move(pool)) {
-    AbbrevTableReader(SectionWalker(begin, size, offset), *m_pool, m_abbrevsMap).readTable();
+    : m_pool(std::move(pool)), m_size(0) {
+    AbbrevTableReader reader(SectionWalker(begin, size, offset), *m_pool, m_abbrevsMap);
+    m_size = reader.readTable() - offset;
 }
 
 std::shared_ptr<const AbbrevTable> AbbrevTables::tableAt(ISectionData* abbrevSection,
                                                          unsigned long long offset) {
     const unsigned char* data = abbrevSection ? abbrevSection->getData() : nullptr;
     const unsigned long long size = data ? abbrevSection->getSize() : 0;
-    std::shared_ptr<const AbbrevTable>& table = m_tables[std::min(offset, size)];
-    if (!table)
-        table = std::make_shared<const AbbrevTable>(data, size, offset, m_pool);
+    offset = std::min(offset, size);
+    std::shared_ptr<const AbbrevTable>& table = m_tables[offset];
+    if (!table) {
+        const unsigned long long bound = bytesAtAnyRate + readingsOfByte * size;
+        const unsigned long long left = bound - std::min(bound, m_bytesRead);
+        table =
+            std::make_shared<const AbbrevTable>(data, std::min(size - offset, left) + offset, offset, m_pool);
+        m_bytesRead += table->size();
+    }
     return table;
 }
 

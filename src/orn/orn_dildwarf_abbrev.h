@@ -110,8 +110,8 @@ private:
 /// in practice, are found by two loads.
 ///
 /// Looking a code up never grows the map, and pages exist for defined codes only: a damaged entry may ask for
-/// any code. A code above `maxPagedCode`, and one so far above the others that the page table would hold
-/// little but gaps, goes to an ordered side map.
+/// any code. A code above `maxPagedCode`, and one so far from the others that the page table or the pages
+/// would hold little but gaps, goes to an ordered side map.
 class PagedMap {
 public:
     static constexpr unsigned pageShift = 8;
@@ -144,11 +144,14 @@ private:
     };
     /// The page table holds at most so many entries, and twice the number of pages, beyond the pages.
     static constexpr std::size_t pageTableSlack = 64;
+    /// Pages hold so many codes on average, but for the first two.
+    static constexpr std::size_t leastCodesOfPage = 16;
 
     const AbbrevEntry* findFar(unsigned long long code) const;
 
     std::vector<std::unique_ptr<PageBlock>> m_pages;
     std::size_t m_definedPages = 0;
+    std::size_t m_definitions = 0;
     std::map<unsigned long long, const AbbrevEntry*> m_farCodes;
 };
 
@@ -160,11 +163,14 @@ public:
     AbbrevTable(const unsigned char* begin, unsigned long long size, unsigned long long offset,
                 std::shared_ptr<AbbrevPool> pool);
 
+    /// Bytes of the section that were read.
+    unsigned long long size() const { return m_size; }
     const AbbrevEntry* find(unsigned long long code) const { return m_abbrevsMap.find(code); }
     const PagedMap& map() const { return m_abbrevsMap; }
 
 private:
     std::shared_ptr<AbbrevPool> m_pool;
+    unsigned long long m_size;
     PagedMap m_abbrevsMap;
 };
 
@@ -172,13 +178,20 @@ private:
 ///
 /// Every unit reads the table at its own offset; units that name one offset get one table, since nothing in
 /// it depends on the unit. So a code that a shared table defines twice is reported once.
+///
+/// Tables do not overlap. Damaged units may each name another place in one long table: after
+/// `readingsOfByte` times the section's size tables end as they do at the section's end.
 class AbbrevTables {
 public:
     std::shared_ptr<const AbbrevTable> tableAt(ISectionData* abbrevSection, unsigned long long offset);
 
 private:
+    static constexpr unsigned long long readingsOfByte = 4;
+    static constexpr unsigned long long bytesAtAnyRate = 0x10000;
+
     std::shared_ptr<AbbrevPool> m_pool = std::make_shared<AbbrevPool>();
     std::map<unsigned long long, std::shared_ptr<const AbbrevTable>> m_tables;
+    unsigned long long m_bytesRead = 0;
 };
 
 } // namespace ORN_3_30

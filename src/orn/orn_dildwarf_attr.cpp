@@ -42,6 +42,28 @@ struct UnitForms {
 
 enum class Outcome { kept, dropped, undecodable };
 
+/// Counts the attributes of one entry that take none of its bytes: flags that are there by name alone,
+/// whatever is cut off, addresses of a width that is not read. A damaged abbreviation may have any number of
+/// them, and any number of entries of a byte or two; a real one has a few.
+class EmptyAttributes {
+public:
+    /// Abbreviations with no more attributes need not be counted.
+    static constexpr std::uint32_t most = 256;
+
+    explicit EmptyAttributes(const ViewReader& reader) : m_remaining(reader.remaining()) {}
+
+    /// Behind each attribute; false if the entry has too many of them, and so cannot be decoded.
+    bool areFewAt(const ViewReader& reader) {
+        m_count += reader.remaining() == m_remaining ? 1 : 0;
+        m_remaining = reader.remaining();
+        return m_count <= most;
+    }
+
+private:
+    unsigned long long m_remaining;
+    std::uint32_t m_count = 0;
+};
+
 /// `DW_FORM_sec_offset` alone is read with a bound.
 bool readSecOffset(ViewReader& walker, bool is64Bit, unsigned long long& attrValue) {
     const unsigned width = is64Bit ? 8 : 4;
@@ -237,6 +259,7 @@ unsigned long long fixedSibling(const ViewReader& reader, const AbbrevEntry& abb
 bool skipEachAttribute(ViewReader& reader, const AbbrevEntry& abbrev, const UnitForms& unit,
                        DWARFSections& sections, unsigned long long& sibling) {
     bool siblingSeen = false;
+    EmptyAttributes emptyOnes(reader);
     for (std::uint32_t i = 0; i < abbrev.specCount; ++i) {
         const AttrSpec& spec = abbrev.specs[i];
         std::uint32_t form = spec.form;
@@ -255,6 +278,8 @@ bool skipEachAttribute(ViewReader& reader, const AbbrevEntry& abbrev, const Unit
         } else if (!skipValue(reader, form, unit)) {
             return false;
         }
+        if (!emptyOnes.areFewAt(reader))
+            return false;
     }
     return true;
 }
@@ -262,7 +287,7 @@ bool skipEachAttribute(ViewReader& reader, const AbbrevEntry& abbrev, const Unit
 inline bool skipAllAttributes(ViewReader& reader, const AbbrevEntry& abbrev, const UnitForms& unit,
                               DWARFSections& sections, unsigned long long& sibling) {
     sibling = 0;
-    if (abbrev.isFixedSize && unit.hasUsualAddresses()) {
+    if (abbrev.isFixedSize && abbrev.specCount <= EmptyAttributes::most && unit.hasUsualAddresses()) {
         const unsigned long long size = abbrev.sizes.total(unit.addressSize, unit.offsetSize);
         if (size <= reader.remaining()) {
             if (abbrev.hasFixedSibling)
@@ -282,7 +307,7 @@ inline const AbbrevEntry* readCode(ViewReader& reader, const AbbrevTable& table)
         return nullptr;
     const AbbrevEntry* abbrev = table.find(code);
     if (!ORN_ASSERT_TEXT(abbrev != nullptr, "false"))
-        reader.skip(reader.remaining());
+        reader.giveUp();
     return abbrev;
 }
 
@@ -302,18 +327,28 @@ public:
         m_out.m_tag = abbrev.tag;
         m_out.m_hasChildren = abbrev.hasChildren;
         m_out.m_offset = m_reader.offset();
-        return abbrev.hasIndirect ? decodeUnordered(abbrev) : decodeOrdered(abbrev);
+        if (abbrev.hasIndirect)
+            return decodeUnordered(abbrev);
+        return abbrev.specCount <= EmptyAttributes::most ? decodeOrdered(abbrev, AnyNumber())
+                                                         : decodeOrdered(abbrev, EmptyAttributes(m_reader));
     }
 
 private:
+    /// In place of EmptyAttributes where there are not so many.
+    struct AnyNumber {
+        bool areFewAt(const ViewReader&) { return true; }
+    };
+
     /// Every value goes to the place that the abbreviation knows for it.
-    bool decodeOrdered(const AbbrevEntry& abbrev) {
+    template <typename EmptyOnes>
+    bool decodeOrdered(const AbbrevEntry& abbrev, EmptyOnes emptyOnes) {
         m_out.reserve(abbrev.shape.count);
         AttrBinding* nodes = m_out.m_nodes.get();
         AttrBinding unwanted;
         for (const AttrSpec *spec = abbrev.specs, *end = spec + abbrev.specCount; spec != end; ++spec) {
             AttrBinding& node = spec->place != AttrSpec::notKept ? nodes[spec->place] : unwanted;
-            if (decodeValue(m_reader, spec->form, m_forms, m_sections, node) == Outcome::undecodable)
+            if (decodeValue(m_reader, spec->form, m_forms, m_sections, node) == Outcome::undecodable ||
+                !emptyOnes.areFewAt(m_reader))
                 return false;
         }
         m_out.m_shape = &abbrev.shape;
@@ -323,12 +358,13 @@ private:
     /// Only the entry tells what an indirect form is, and so whether it is kept: the order is made here.
     bool decodeUnordered(const AbbrevEntry& abbrev) {
         std::vector<std::pair<unsigned long long, AttrBinding>> found;
+        EmptyAttributes emptyOnes(m_reader);
         for (const AttrSpec *spec = abbrev.specs, *end = spec + abbrev.specCount; spec != end; ++spec) {
             const std::uint32_t form =
                 spec->form == DW_FORM_indirect ? readIndirectForm(m_reader) : spec->form;
             AttrBinding node;
             const Outcome outcome = decodeValue(m_reader, form, m_forms, m_sections, node);
-            if (outcome == Outcome::undecodable)
+            if (outcome == Outcome::undecodable || !emptyOnes.areFewAt(m_reader))
                 return false;
             if (outcome == Outcome::kept)
                 found.emplace_back(spec->attribute, node);
@@ -369,7 +405,7 @@ bool decodeAttributes(ViewReader& reader, DWARFCompilationUnit& unit, const Abbr
     if (AttrDecoder(reader, unit, out).decode(abbrev, start))
         return true;
     out.reset(&unit);
-    reader.skip(reader.remaining());
+    reader.giveUp();
     return false;
 }
 
@@ -474,10 +510,13 @@ void AttrBindings::loadOrigin(unsigned long long reference) {
     DWARFCompilationUnit* unit = unitHolding(reference);
     if (!unit)
         return;
+    if (m_chainLength >= usualChain && !m_compUnit->getSections()->affords(1))
+        return;
     SymMgrObjectPtr<AttrBindings> origin = std::move(m_spareOrigin);
     if (!origin)
         origin = new AttrBindings(unit);
-    if (!unit->readAttrBindingsAt(reference, *origin)) {
+    SectionWalker walker = unit->walkerAt(reference);
+    if (!unit->readReferredEntry(walker, *origin)) {
         m_spareOrigin = std::move(origin);
         return;
     }
@@ -526,6 +565,21 @@ bool DWARFCompilationUnit::readAttrBindingsAt(unsigned long long offset, AttrBin
     return readAttrBindings(walker, attrBindings);
 }
 
+bool DWARFCompilationUnit::readReferredEntry(SectionWalker& walker, AttrBindings& attrBindings) {
+    attrBindings.reset(this);
+    if (m_sections->isExcessUsedUp())
+        return false;
+    ViewReader reader(walker);
+    const unsigned long long start = reader.offset();
+    const AbbrevEntry* abbrev = readCode(reader, *m_abbrevsMap);
+    const bool isDecoded = abbrev && decodeAttributes(reader, *this, *abbrev, start, attrBindings);
+    const unsigned long long work = reader.longLEBBytes() + (abbrev ? abbrev->specCount : 0);
+    if (work > usualEntryWork)
+        static_cast<void>(m_sections->affords(work));
+    reader.finish();
+    return isDecoded;
+}
+
 DWARFCompilationUnit::EntryCode DWARFCompilationUnit::readEntryCode(SectionWalker& walker) const {
     ViewReader reader(walker);
     EntryCode code;
@@ -550,33 +604,73 @@ bool DWARFCompilationUnit::skipAttributes(SectionWalker& walker, const EntryCode
     const UnitForms forms(*this);
     const bool isSkipped = skipAllAttributes(reader, *code.abbrev, forms, *m_sections, sibling);
     if (!isSkipped)
-        reader.skip(reader.remaining());
+        reader.giveUp();
     reader.finish();
     return isSkipped;
 }
 
-void DWARFCompilationUnit::skipChildren(SectionWalker& walker, unsigned long long sibling) const {
+/// A sibling that leads back, or out of the unit, would have entries read twice or not at all.
+inline bool DWARFCompilationUnit::followSibling(ViewReader& reader, unsigned long long sibling) const {
+    if (!trustsSiblings() || sibling <= reader.offset() || !reachesTo(sibling))
+        return false;
+    reader.seekInside(std::min(sibling, reader.viewEnd()));
+    return true;
+}
+
+/// Tells of each list of children that has to be read: where it begins, and what is behind its end, with the
+/// number of entries read up to there.
+template <typename OnOpen, typename OnClose>
+inline unsigned long long DWARFCompilationUnit::passSubtree(SectionWalker& walker, unsigned long long sibling,
+                                                            const OnOpen& onOpen,
+                                                            const OnClose& onClose) const {
     ViewReader reader(walker);
     const UnitForms forms(*this);
-    // A sibling that leads back, or out of the unit, would have entries read twice or not at all.
-    const auto followSibling = [&](unsigned long long offset) {
-        if (!trustsSiblings() || offset <= reader.offset() || !reachesTo(offset))
-            return false;
-        reader.seekInside(std::min(offset, reader.viewEnd()));
-        return true;
-    };
-    unsigned long long depth = followSibling(sibling) ? 0 : 1;
+    unsigned long long entries = 0;
+    unsigned long long depth = 0;
+    if (!followSibling(reader, sibling)) {
+        depth = 1;
+        onOpen(reader.offset(), entries);
+    }
     while (depth > 0 && reader.remaining() > 0) {
+        ++entries;
         const AbbrevEntry* abbrev = readCode(reader, *m_abbrevsMap);
         if (!abbrev) {
             --depth;
+            onClose(reader.offset(), entries);
         } else if (!skipAllAttributes(reader, *abbrev, forms, *m_sections, sibling)) {
-            reader.skip(reader.remaining());
-        } else if (abbrev->hasChildren == DW_CHILDREN_yes && !followSibling(sibling)) {
+            reader.giveUp();
+        } else if (abbrev->hasChildren == DW_CHILDREN_yes && !followSibling(reader, sibling)) {
             ++depth;
+            onOpen(reader.offset(), entries);
         }
     }
+    for (; depth > 0; --depth)
+        onClose(reader.offset(), entries);
     reader.finish();
+    return entries;
+}
+
+unsigned long long DWARFCompilationUnit::skipChildren(SectionWalker& walker,
+                                                      unsigned long long sibling) const {
+    const auto ignore = [](unsigned long long, unsigned long long) {};
+    return passSubtree(walker, sibling, ignore, ignore);
+}
+
+std::vector<DWARFCompilationUnit::Subtree>
+DWARFCompilationUnit::largeSubtrees(SectionWalker walker, unsigned long long sibling,
+                                    unsigned long long least) const {
+    std::vector<Subtree> found;
+    std::vector<std::pair<unsigned long long, unsigned long long>> open; // begin, entries before it
+    passSubtree(
+        walker, sibling,
+        [&](unsigned long long offset, unsigned long long entries) { open.emplace_back(offset, entries); },
+        [&](unsigned long long offset, unsigned long long entries) {
+            const auto [begin, before] = open.back();
+            open.pop_back();
+            if (entries - before > least)
+                found.emplace_back(begin, offset);
+        });
+    return found;
 }
 
 } // namespace ORN_3_30

@@ -85,6 +85,8 @@ private:
 
     /// So many origins of a chain are used again.
     static constexpr unsigned long long spareOrigins = 4;
+    /// Chains of references are no longer in sound data; the links of a longer one are counted.
+    static constexpr unsigned long long usualChain = 16;
 
     bool mayHaveOrigin() const {
         return m_origin || m_shape->find(DW_AT_abstract_origin) != AttrSpec::notKept ||

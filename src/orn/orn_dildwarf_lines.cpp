@@ -22,6 +22,8 @@ constexpr std::uint32_t versionWithOperationCount = 4;
 constexpr unsigned greatestOpcode = 255;
 /// A longer directory is no directory of any system; damaged data could have it put before every file.
 constexpr std::size_t longestDirectory = PATH_MAX;
+/// Directories up to this length are put before any number of files.
+constexpr std::size_t usualDirectory = 512;
 
 /// The text at the walker, which moves behind its end. Without a zero byte in the view the text is in `copy`.
 const char* readText(SectionWalker& walker, std::string& copy) {
@@ -78,6 +80,8 @@ status_t DWARFLineProgram::readHeader() {
     ORN_LOG_INFO("Line info version: " << version);
     if (version > greatestVersion)
         return status_UnsupportedFormatVersion;
+    if (!m_unit.getSections()->affordsLineProgram(walker.remaining()))
+        return status_BadDebugInfo;
     // The program begins where the header says, whatever stands between it and the last file.
     const unsigned long long headerLength = is64Bit ? walker.readU64() : walker.readU32();
     SectionWalker program = walker;
@@ -166,7 +170,8 @@ bool DWARFLineProgram::addFile(SectionWalker& walker, bool stopOnEmpty) {
         m_name = fileName;
     if (isAbsolutePath(m_name))
         m_path = m_name;
-    else if (const std::string& directory = directoryAt(directoryIndex); directory.empty())
+    else if (const std::string& directory = directoryAt(directoryIndex);
+             directory.empty() || !affordsDirectory(directory))
         m_path = m_name;
     else
         appendPath(m_path, directory, m_name);
@@ -191,18 +196,30 @@ const std::string& DWARFLineProgram::directoryAt(unsigned long long index) {
     return m_directories[index];
 }
 
-void DWARFLineProgram::joinDirectory(unsigned long long index, std::string& out) const {
-    const std::string compilationDirectory = m_unit.getCompilationDirectory();
+void DWARFLineProgram::joinDirectory(unsigned long long index, std::string& out) {
     if (index == 0) {
-        out = compilationDirectory;
+        out = compilationDirectory();
     } else if (const std::string directory = m_unit.getIncludeDir(index - 1); !directory.empty()) {
-        if (isAbsolutePath(directory) || compilationDirectory.empty())
+        if (isAbsolutePath(directory) || compilationDirectory().empty())
             out = directory;
         else
-            appendPath(out, compilationDirectory, directory);
+            appendPath(out, compilationDirectory(), directory);
     }
     if (out.size() > longestDirectory)
         out.clear();
+}
+
+const std::string& DWARFLineProgram::compilationDirectory() {
+    if (!m_compilationDirectory) {
+        const char* told = m_unit.getCompilationDirectory();
+        m_compilationDirectory.emplace(told, strnlen(told, longestDirectory + 1));
+    }
+    return *m_compilationDirectory;
+}
+
+/// A file entry is a few bytes, and each path is kept.
+bool DWARFLineProgram::affordsDirectory(const std::string& directory) {
+    return directory.size() <= usualDirectory || m_unit.getSections()->affords(directory.size());
 }
 
 void DWARFLineProgram::runRows() {

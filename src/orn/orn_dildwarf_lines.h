@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -55,7 +56,8 @@ public:
     /// The unit has a line resolver, and `.debug_line` its `stmtList`. `ranges` may be null.
     DWARFLineProgram(DWARFCompilationUnit& unit, RangeFilter* ranges);
 
-    /// Reads the header with its directories and files. A failure is that of a version that is not read.
+    /// Reads the header with its directories and files. A failure is that of a version that is not read, or
+    /// of a program that units have run too often.
     status_t readHeader();
     /// Runs all rows into the line resolver.
     void runRows();
@@ -89,7 +91,9 @@ private:
     void runExtended(const SectionWalker& position);
     void addRange(const Row& row, unsigned long long size);
     const std::string& directoryAt(unsigned long long index);
-    void joinDirectory(unsigned long long index, std::string& out) const;
+    void joinDirectory(unsigned long long index, std::string& out);
+    const std::string& compilationDirectory();
+    bool affordsDirectory(const std::string& directory);
 
     DWARFCompilationUnit& m_unit;
     LineResolver& m_resolver;
@@ -97,6 +101,7 @@ private:
     IFileFormatHelper& m_helper;
     std::array<Special, 256> m_specials; ///< by opcode
     DWARFLineState m_state;
+    std::optional<std::string> m_compilationDirectory; ///< at most so much of it that it shows to be too long
     std::vector<std::string> m_directories; ///< joined with the compilation directory, by index; filled late
     std::vector<bool> m_hasDirectory;
     std::string m_name; ///< kept for their memory

@@ -57,7 +57,7 @@ private:
             if (!unit)
                 return false;
             walker = unit->walkerAt(offset);
-            if (!unit->readAttrBindings(walker, m_entry))
+            if (!unit->readReferredEntry(walker, m_entry))
                 return false;
             switch (m_entry.tag()) {
             case DW_TAG_structure_type:

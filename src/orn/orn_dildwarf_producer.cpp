@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -18,8 +19,13 @@ namespace {
 
 constexpr std::uint32_t firstNewVexorMajor = 8;
 
-std::uint32_t numberAt(const std::string& text, std::size_t position) {
-    return static_cast<std::uint32_t>(std::atol(text.c_str() + position));
+/// `text` has an end mark.
+std::uint32_t numberAt(std::string_view text, std::size_t position) {
+    return static_cast<std::uint32_t>(std::atol(text.data() + position));
+}
+
+bool startsWith(const char* text, std::string_view start) {
+    return std::strncmp(text, start.data(), start.size()) == 0;
 }
 
 } // namespace
@@ -28,65 +34,71 @@ void DWARFCompilationUnit::parseProducer() {
     m_compilerKind = compiler_Unknown;
     m_compilerMajor = 0;
     m_compilerMinor = 0;
-    if (m_producer.find("GNU ") == 0)
-        parseGnuProducer();
+    const bool isGnu = startsWith(m_producer, "GNU ");
+    if (!isGnu && !startsWith(m_producer, "Vexor"))
+        return;
+    // Only the start says whose it is; the rest is searched.
+    if (!m_sections->affordsText(m_producer))
+        return;
+    if (isGnu)
+        parseGnuProducer(m_producer);
     else
-        parseVexorProducer();
+        parseVexorProducer(m_producer);
 }
 
-void DWARFCompilationUnit::parseGnuProducer() {
+void DWARFCompilationUnit::parseGnuProducer(std::string_view producer) {
     m_compilerKind = compiler_Gnu;
     std::string_view marker = "GNU C++ ";
-    std::size_t position = m_producer.find(marker);
-    if (position == std::string::npos) {
+    std::size_t position = producer.find(marker);
+    if (position == std::string_view::npos) {
         marker = "GNU C ";
-        position = m_producer.find(marker);
+        position = producer.find(marker);
     }
-    if (position == std::string::npos)
+    if (position == std::string_view::npos)
         return;
     position += marker.size();
-    if (position >= m_producer.size())
+    if (position >= producer.size())
         return;
-    m_compilerMajor = numberAt(m_producer, position);
-    const std::size_t dot = m_producer.find('.', position);
-    if (dot == std::string::npos)
+    m_compilerMajor = numberAt(producer, position);
+    const std::size_t dot = producer.find('.', position);
+    if (dot == std::string_view::npos)
         return;
-    if (dot + 1 < m_producer.size())
-        m_compilerMinor = numberAt(m_producer, dot + 1);
+    if (dot + 1 < producer.size())
+        m_compilerMinor = numberAt(producer, dot + 1);
     if (m_compilerMajor == 2 && m_compilerMinor == 96)
         m_compilerKind = compiler_Gnu296;
 }
 
-void DWARFCompilationUnit::parseVexorProducer() {
+void DWARFCompilationUnit::parseVexorProducer(std::string_view producer) {
     // Quirk: where the longer marker stands in mid-text the shorter one at the start is not looked for.
-    std::size_t position = m_producer.find("Vexor(R) ");
-    if (position == std::string::npos)
-        position = m_producer.find("Vexor");
+    std::size_t position = producer.find("Vexor(R) ");
+    if (position == std::string_view::npos)
+        position = producer.find("Vexor");
     if (position != 0)
         return;
     m_compilerKind = compiler_VexorOld;
 
     constexpr std::string_view version = "Version ";
-    const std::size_t number = m_producer.find(version);
-    if (number != std::string::npos && number + version.size() < m_producer.size()) {
-        m_compilerMajor = numberAt(m_producer, number + version.size());
+    const std::size_t number = producer.find(version);
+    if (number != std::string_view::npos && number + version.size() < producer.size()) {
+        m_compilerMajor = numberAt(producer, number + version.size());
         if (m_compilerMajor >= firstNewVexorMajor)
             m_compilerKind = compiler_Vexor;
     }
-    parseOptReportFile();
+    parseOptReportFile(producer);
 }
 
-void DWARFCompilationUnit::parseOptReportFile() {
+void DWARFCompilationUnit::parseOptReportFile(std::string_view producer) {
     constexpr std::string_view option = "Opt_report_file ";
-    const std::size_t found = m_producer.find(option);
-    if (found == std::string::npos)
+    const std::size_t found = producer.find(option);
+    if (found == std::string_view::npos)
         return;
     const std::size_t begin = found + option.size();
-    std::size_t end = m_producer.find_first_of(" \\", begin);
+    std::size_t end = producer.find_first_of(" \\", begin);
     // Quirk: a backslash ends the name and is its last character: a blank behind it is not read across.
-    if (end != std::string::npos && m_producer[end] == '\\')
+    if (end != std::string_view::npos && producer[end] == '\\')
         ++end;
-    m_optReportFile = m_producer.substr(begin, end == std::string::npos ? end : end - begin);
+    m_optReportFile = producer.substr(begin, end == std::string_view::npos ? end : end - begin);
 }
 
 const char* DWARFCompilationUnit::getOptReportFile() {
@@ -94,7 +106,7 @@ const char* DWARFCompilationUnit::getOptReportFile() {
 }
 
 const char* DWARFCompilationUnit::getCompilerName() {
-    if (m_producer.empty()) {
+    if (!*m_producer) {
         switch (m_compilerKind) {
         case compiler_Gnu:
         case compiler_Gnu296:
@@ -108,21 +120,21 @@ const char* DWARFCompilationUnit::getCompilerName() {
             break;
         }
     }
-    return m_producer.c_str();
+    return m_producer;
 }
 
 void DWARFCompilationUnit::mergeCompileOptions(const char* text) {
     static const std::array<std::string, 3> debugOptions = {"-g ", "debug:all ", "debug:full "};
     static const std::array<std::string, 4> optimisationOptions = {"-O2 ", "-O3 ", "-Ox ", "-fast "};
     static const std::string stackCheck = "-check stack ";
-    if (!text)
+    if (!text || !m_sections->affordsSearches(text) || !m_sections->affordsSearches(m_compileOptions))
         return;
     const std::string_view further = text;
+    const std::string_view known = m_compileOptions;
     // Presence is tested against the options as they stood: what this merge appends does not count.
     std::string merged = m_compileOptions;
     const auto appendIfNew = [&](const std::string& option) {
-        if (m_compileOptions.find(option) == std::string::npos &&
-            further.find(option) != std::string_view::npos)
+        if (known.find(option) == std::string_view::npos && further.find(option) != std::string_view::npos)
             merged += " " + option;
     };
     for (const std::string& option : debugOptions)
@@ -131,7 +143,8 @@ void DWARFCompilationUnit::mergeCompileOptions(const char* text) {
         for (const std::string& option : optimisationOptions)
             appendIfNew(option);
     }
-    m_compileOptions = std::move(merged);
+    m_mergedOptions = std::move(merged);
+    m_compileOptions = m_mergedOptions.c_str();
 }
 
 } // namespace ORN_3_30

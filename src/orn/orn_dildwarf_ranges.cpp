@@ -16,19 +16,10 @@ unsigned long long baseSelector(unsigned addressSize) {
 }
 
 /// Scopes keep their ranges in a list that is filled fastest in ascending order. Damaged data may hold lists
-/// of any length in any order; those of compilers that are this long are sorted.
+/// of any length in any order; those of compilers that are as long as the second number are sorted, and
+/// between the two there are few.
+constexpr std::size_t usualList = 256;
 constexpr std::size_t longestUnsortedList = 4096;
-
-/// How often each range of the section may be read in one walk, on average, beside a number that small
-/// sections may have at any rate. Each list belongs to one entry; where damaged entries share a long list,
-/// what they make of it would grow with the product of both.
-constexpr unsigned long long readingsOfRange = 16;
-constexpr unsigned long long readingsAtAnyRate = 0x10000;
-
-void sortIfLong(DWARFDebugInfoLoader::RangeDeque& ranges) {
-    if (ranges.size() > longestUnsortedList)
-        std::stable_sort(ranges.begin(), ranges.end());
-}
 
 } // namespace
 
@@ -47,9 +38,12 @@ void dwarf_utils::calculateHighLowAdresses(const AttrBinding* lowAttr, const Att
         high = isHighAnAddress ? highAttr->value : low + highAttr->value;
 }
 
-void DWARFDebugInfoLoader::renewRangesBudget() {
-    constexpr unsigned long long smallestPair = 8;
-    m_rangesBudget = readingsAtAnyRate + readingsOfRange * (m_sections->rangesSize() / smallestPair);
+void DWARFDebugInfoLoader::sortIfLong(RangeDeque& ranges) const {
+    if (ranges.size() <= usualList || std::is_sorted(ranges.begin(), ranges.end()))
+        return;
+    if (ranges.size() > longestUnsortedList ||
+        !m_sections->affords(ranges.size() * (ranges.size() / usualList)))
+        std::stable_sort(ranges.begin(), ranges.end());
 }
 
 // Everything is computed in the symbol file's own addresses, in which bases are told, and biased once at the
@@ -91,8 +85,6 @@ unsigned long long DWARFDebugInfoLoader::readRanges(DWARFCompilationUnit& unit, 
             base = selected = 0;
         out->emplace_back(first + base + bias, second + base + bias);
     }
-    if (out)
-        sortIfLong(*out);
     return (isAnyAppended ? smallest + base : base) + bias;
 }
 

@@ -79,14 +79,28 @@ public:
         m_beyond = 0;
     }
     void skipULEB() {
+        const unsigned char* begin = m_cursor;
         while (m_cursor != m_end) {
             if (!(*m_cursor++ & 0x80))
-                return;
+                break;
         }
+        noteLEB(static_cast<unsigned long long>(m_cursor - begin));
     }
     void skipSLEB() { readSLEB(); }
+    /// To the end of the view, from where nothing can be decoded.
+    void giveUp() { skip(remaining()); }
+
+    /// Bytes of all numbers of variable length that were read but the short ones. Numbers are the only values
+    /// that cost more the longer they are: damaged ones are as long as a section.
+    unsigned long long longLEBBytes() const { return m_longLEBBytes; }
 
 private:
+    static constexpr unsigned long long shortLEB = 16;
+
+    void noteLEB(unsigned long long length) {
+        if (length > shortLEB)
+            m_longLEBBytes += length;
+    }
     template <typename Width>
     Width read() {
         if (remaining() >= sizeof(Width)) {
@@ -104,7 +118,9 @@ private:
     template <typename Read>
     unsigned long long throughWalker(const Read& readValue) {
         finish();
+        const unsigned long long begin = m_walker.offset();
         const unsigned long long value = readValue(m_walker);
+        noteLEB(m_walker.offset() - begin);
         resume();
         return value;
     }
@@ -117,6 +133,7 @@ private:
     const unsigned char* m_cursor;
     const unsigned char* m_end;
     unsigned long long m_beyond; ///< how far the position is behind the end
+    unsigned long long m_longLEBBytes = 0;
 };
 
 } // namespace ORN_3_30

@@ -17,6 +17,21 @@ namespace {
 /// Texts longer than this are noted, so that damaged data cannot have one of them searched again and again.
 constexpr unsigned long long longText = 256;
 
+/// Texts up to this length are read to their end as often as they are named, many bytes at a time.
+constexpr std::size_t usualText = 4096;
+constexpr std::size_t textBytesOfStep = 16;
+/// Texts up to this length are searched for each of many words as often as they are named.
+constexpr std::size_t usualSearchedText = 512;
+
+/// How much work beyond all that is usual the sections may cause for each of their bytes, and at any rate.
+constexpr unsigned long long excessOfByte = 8;
+constexpr unsigned long long excessAtAnyRate = 0x40000;
+
+/// How often each byte of `.debug_line` may be run, on average: units share programs where a tool has taken
+/// units apart. At any rate so many bytes, for small sections that have many units.
+constexpr unsigned long long runsOfLineByte = 16;
+constexpr unsigned long long lineBytesAtAnyRate = 0x100000;
+
 /// Offset behind the last zero byte of [begin, begin + size).
 unsigned long long behindLastZero(const unsigned char* begin, unsigned long long size) {
     while (size > 0 && begin[size - 1] != 0)
@@ -104,6 +119,7 @@ status_t DWARFSections::read() {
         return status_NoDebugInfo;
 
     m_helper->getSectionData(m_abbrev, section_debug_abbrev);
+    contentsOf(m_abbrev, m_abbrevSize);
     readRelocated(info, m_info);
     SymMgrObjectPtr<ISectionData> line;
     m_helper->getSectionData(line, section_debug_line);
@@ -111,7 +127,33 @@ status_t DWARFSections::read() {
     readStrings();
     m_helper->getSectionData(m_ranges, section_debug_ranges);
     m_rangesBegin = contentsOf(m_ranges, m_rangesSize);
+    m_lineProgramBytes = lineBytesAtAnyRate + runsOfLineByte * m_line.size();
+    renewExcess();
     return status_Ok;
+}
+
+void DWARFSections::renewExcess() {
+    m_excess = excessAtAnyRate +
+               excessOfByte * (m_info.size() + m_abbrevSize + m_strSize + m_line.size() + m_rangesSize);
+}
+
+bool DWARFSections::affordsText(const char* text) {
+    if (strnlen(text, usualText) < usualText)
+        return true;
+    return !isExcessUsedUp() && affords(std::strlen(text) / textBytesOfStep);
+}
+
+bool DWARFSections::affordsSearches(const char* text) {
+    if (strnlen(text, usualSearchedText) < usualSearchedText)
+        return true;
+    return !isExcessUsedUp() && affords(std::strlen(text));
+}
+
+bool DWARFSections::affordsLineProgram(unsigned long long size) {
+    if (size > m_lineProgramBytes)
+        return false;
+    m_lineProgramBytes -= size;
+    return true;
 }
 
 void DWARFSections::readRelocated(ISectionData* section, RelocatedSection& out) {

@@ -86,6 +86,28 @@ public:
     /// A copy of `text` that lives as long as this object.
     const char* keepText(const std::string& text);
 
+    // Damaged data can have one long thing read from many places: a chain of references by each of its links,
+    // a text by each unit, a line program by each unit. Sound data never does that, or keeps far inside the
+    // bounds here, which leave the cost of all data proportional to its size.
+
+    /// Whether `work` may be done that sound data does not cause at all: what goes beyond any usual length.
+    /// Each call takes it off what the sections may cause in all until renewExcess().
+    bool affords(unsigned long long work) {
+        const bool isAfforded = work <= m_excess;
+        m_excess = isAfforded ? m_excess - work : 0;
+        return isAfforded;
+    }
+    bool isExcessUsedUp() const { return m_excess == 0; }
+    /// Before each load, so that the loads of a long life do not add up.
+    void renewExcess();
+    /// Whether a text may be read to its end: one of usual length always.
+    bool affordsText(const char* text);
+    /// Whether a text may be searched for a few words.
+    bool affordsSearches(const char* text);
+    /// Whether a line program of so many bytes may be run. Each unit runs its program once, so that units may
+    /// share one, but not any number of them a long one.
+    bool affordsLineProgram(unsigned long long size);
+
 private:
     status_t read();
     void readRelocated(ISectionData* section, RelocatedSection& out);
@@ -108,6 +130,9 @@ private:
     SymMgrObjectPtr<ISectionData> m_ranges;
     const unsigned char* m_rangesBegin = nullptr;
     unsigned long long m_rangesSize = 0;
+    unsigned long long m_abbrevSize = 0;
+    unsigned long long m_excess = 0;
+    unsigned long long m_lineProgramBytes = 0; ///< that may still be run
 
     OrnLock m_textLock; ///< guards what is noted of unusual texts
     std::set<std::string> m_keptTexts;

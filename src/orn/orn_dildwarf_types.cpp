@@ -35,8 +35,7 @@ bool isStructure(unsigned long long tag) {
     return tag == DW_TAG_structure_type || tag == DW_TAG_class_type || tag == DW_TAG_union_type;
 }
 
-bool isIntegerName(const char* text) {
-    const std::string_view name = text ? text : "";
+bool isIntegerName(std::string_view name) {
     constexpr std::string_view ending = " int";
     const bool endsSo = name.size() >= ending.size() && name.substr(name.size() - ending.size()) == ending;
     return name == "int" || endsSo || name == "short" || name == "unsigned short";
@@ -72,15 +71,24 @@ struct ArrayCount {
 };
 
 /// Reads the dimensions behind the entry of an array; the walker stands on its first child.
+///
+/// References may lead anywhere, and so each to another of many arrays that share one long list of children:
+/// what is beyond a few dimensions is counted.
 ArrayCount readDimensions(DWARFCompilationUnit& unit, SectionWalker& walker) {
+    constexpr unsigned usualDimensions = 16;
+    DWARFSections& sections = *unit.getSections();
     ArrayCount count;
     AttrBindings child(&unit);
-    while (unit.readAttrBindings(walker, child)) {
+    for (unsigned children = 0; unit.readAttrBindings(walker, child); ++children) {
+        if (children >= usualDimensions && !sections.affords(1))
+            return ArrayCount();
         if (child.tag() == DW_TAG_subrange_type)
             count.addDimension(child);
         if (child.hasChildren()) {
+            if (sections.isExcessUsedUp())
+                return ArrayCount();
             const AttrBinding* sibling = child.find(DW_AT_sibling, true);
-            unit.skipChildren(walker, sibling ? sibling->value : 0);
+            static_cast<void>(sections.affords(unit.skipChildren(walker, sibling ? sibling->value : 0)));
         }
     }
     return count;
@@ -120,7 +128,7 @@ bool DWARFTypes::readStep(DWARFCompilationUnit& unit, unsigned long long offset,
         return false;
     AttrBindings type(holder);
     SectionWalker walker = holder->walkerAt(offset);
-    if (!holder->readAttrBindings(walker, type))
+    if (!holder->readReferredEntry(walker, type))
         return false;
     step.offset = offset;
     step.unit = holder;
@@ -134,8 +142,10 @@ bool DWARFTypes::readStep(DWARFCompilationUnit& unit, unsigned long long offset,
     step.next = next ? next->value : 0;
     if (isArray && type.hasChildren())
         step.elements = readDimensions(*holder, walker);
-    if (type.tag() == DW_TAG_base_type)
-        step.info.isInteger = isIntegerName(textOf(type.find(DW_AT_name)));
+    if (type.tag() == DW_TAG_base_type) {
+        const char* name = textOf(type.find(DW_AT_name));
+        step.info.isInteger = name && holder->getSections()->affordsText(name) && isIntegerName(name);
+    }
     if (isStructure(type.tag()))
         step.info.structOffset = offset;
     return true;

@@ -81,7 +81,7 @@ void DWARFCompilationUnit::readTopEntry(AttrBindings& attrs) {
 }
 
 /// Leaves `out` alone unless the attribute is there and is a text.
-void DWARFCompilationUnit::readText(AttrBindings& attrs, unsigned long long attribute, std::string& out) {
+void DWARFCompilationUnit::readText(AttrBindings& attrs, unsigned long long attribute, const char*& out) {
     if (const char* text = textOf(attrs.find(attribute)))
         out = text;
 }
@@ -130,10 +130,11 @@ ISourceFile* DWARFCompilationUnit::getSourceFile() {
 
 /// The first file whose path ends with the unit's name, else the first file.
 ISourceFile* DWARFCompilationUnit::findMainFile() {
-    if (!m_name.empty()) {
+    if (*m_name && m_sections->affordsText(m_name)) {
+        const std::string_view name = m_name;
         for (const std::uint32_t id : m_fileIds) {
             ISourceFile* file = m_lineResolver->fileAt(id);
-            if (file && endsWith(file->name(), m_name))
+            if (file && endsWith(file->name(), name))
                 return file;
         }
     }
@@ -167,8 +168,11 @@ status_t DWARFCompilationUnit::runLineProgram(RangeFilter* ranges) {
         return m_lineStatus = status_BadDebugInfo;
     DWARFLineProgram program(*this, ranges);
     // Quirk: a version that is not read is told and not remembered; the next call looks again.
-    if (const status_t status = program.readHeader(); isFailure(status))
+    const status_t status = program.readHeader();
+    if (status == status_UnsupportedFormatVersion)
         return status;
+    if (isFailure(status))
+        return m_lineStatus = status;
     // A row that cannot be stored for want of memory must not be stored twice by a second run.
     m_lineStatus = status_Ok;
     program.runRows();

@@ -11,12 +11,15 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace ORN_3_30 {
 
 class DWARFDebugInfoLoader;
 class LineResolver;
+class ViewReader;
 
 /// Which compiler made a unit: it changes how later code reads the unit.
 enum compiler_kind_t : std::uint32_t {
@@ -54,8 +57,8 @@ public:
     ISourceFile* getSourceFile() override;
     ISourceFile* findSourceFile(const char* path) override;
     unsigned getUnitFlags() override { return 0; }
-    const char* getCompilationDirectory() override { return m_compDir.c_str(); }
-    const char* getCompileOptions() override { return m_compileOptions.c_str(); }
+    const char* getCompilationDirectory() override { return m_compDir; }
+    const char* getCompileOptions() override { return m_compileOptions; }
     const char* getOptReportFile() override;
     const char* getCompilerName() override;
     unsigned getCompilerMajorVersion() override { return m_compilerMajor; }
@@ -77,8 +80,8 @@ public:
     /// Without the load bias: what range lists are relative to. 0 if the unit has none.
     unsigned long long getLowPc() const { return m_lowPc; }
     unsigned long long getLoadBias() const { return m_loadBias; }
-    const char* getName() const { return m_name.c_str(); }
-    const char* getProducer() const { return m_producer.c_str(); }
+    const char* getName() const { return m_name; }
+    const char* getProducer() const { return m_producer; }
     bool hasStmtList() const { return m_hasStmtList; }
     unsigned long long getStmtList() const { return m_stmtList; }
     bool isFortran() const { return m_language == language_Fortran; }
@@ -124,6 +127,9 @@ public:
     bool readAttrBindings(SectionWalker& walker, AttrBindings& attrBindings);
     /// The same of the entry at an offset of `.debug_info`.
     bool readAttrBindingsAt(unsigned long long offset, AttrBindings& attrBindings);
+    /// readAttrBindings of an entry that others refer to. Any number of them may refer to one that is as long
+    /// as the unit: after too much of that such entries count as not decodable.
+    bool readReferredEntry(SectionWalker& walker, AttrBindings& attrBindings);
 
     // readAttrBindings in two steps, for walks that do not want every entry.
 
@@ -140,8 +146,15 @@ public:
     /// Result and messages are those of decoding.
     bool skipAttributes(SectionWalker& walker, const EntryCode& code, unsigned long long& sibling) const;
     /// From the first child of an entry whose DW_AT_sibling is `sibling` (0: none) to behind the null entry
-    /// that ends its children: by that sibling and those of the children where they are trusted.
-    void skipChildren(SectionWalker& walker, unsigned long long sibling) const;
+    /// that ends its children: by that sibling and those of the children where they are trusted. Gives how
+    /// many entries were read on the way.
+    unsigned long long skipChildren(SectionWalker& walker, unsigned long long sibling) const;
+    /// Offsets in `.debug_info`: where the children of an entry begin, and what is behind their end.
+    using Subtree = std::pair<unsigned long long, unsigned long long>;
+    /// The subtrees that skipChildren passes, the whole one and those inside, as far as more than `least`
+    /// entries have to be read to pass them.
+    std::vector<Subtree> largeSubtrees(SectionWalker walker, unsigned long long sibling,
+                                       unsigned long long least) const;
 
     /// Reads the top entry, once, if it is a DW_TAG_compile_unit.
     void loadTopEntry();
@@ -150,17 +163,24 @@ public:
     void mergeCompileOptions(const char* text);
 
 private:
+    /// Attributes, and bytes of long numbers, of an entry that is like those of sound data.
+    static constexpr unsigned long long usualEntryWork = 1024;
+
     void readTopEntry(AttrBindings& attrs);
-    static void readText(AttrBindings& attrs, unsigned long long attribute, std::string& out);
+    static void readText(AttrBindings& attrs, unsigned long long attribute, const char*& out);
+    bool followSibling(ViewReader& reader, unsigned long long sibling) const;
+    template <typename OnOpen, typename OnClose>
+    unsigned long long passSubtree(SectionWalker& walker, unsigned long long sibling, const OnOpen& onOpen,
+                                   const OnClose& onClose) const;
     bool reachesTo(unsigned long long offset) const {
         return offset >= m_header.offset && offset - m_header.offset <= m_header.size;
     }
 
     // orn_dildwarf_producer.cpp
     void parseProducer();
-    void parseGnuProducer();
-    void parseVexorProducer();
-    void parseOptReportFile();
+    void parseGnuProducer(std::string_view producer);
+    void parseVexorProducer(std::string_view producer);
+    void parseOptReportFile(std::string_view producer);
 
     ILock* loadLock() const;
     ISourceFile* findMainFile();
@@ -173,11 +193,13 @@ private:
     unsigned long long m_firstFileHint = 0;
     bool m_hasStmtList = false;
     unsigned long long m_stmtList = 0;
-    std::string m_compDir;
-    std::string m_name;
-    std::string m_compileOptions;
+    // Texts of the debug sections, not copied: any number of units may share a long one.
+    const char* m_compDir = "";
+    const char* m_name = "";
+    const char* m_compileOptions = "";
+    std::string m_mergedOptions;         ///< what m_compileOptions is once an entry has added to it
     ISourceFile* m_sourceFile = nullptr; ///< borrowed from the line resolver
-    std::string m_producer;
+    const char* m_producer = "";
     unsigned long long m_lowPc = 0; ///< without the load bias
     unsigned long long m_loadBias;  ///< added to every DW_FORM_addr and to every line address
     compiler_kind_t m_compilerKind = compiler_Unknown;

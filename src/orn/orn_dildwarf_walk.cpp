@@ -146,6 +146,10 @@ void DWARFSymbolWalk::closeLevel() {
 }
 
 bool DWARFSymbolWalk::readDIE(symbol_kind_t flags) {
+    if (!m_isOuter && !m_loader.affordsInside(1)) {
+        m_walker.skip(m_walker.remaining());
+        return false;
+    }
     const EntryCode code = m_unit->readEntryCode(m_walker);
     return code.abbrev && processDIE(code, flags);
 }
@@ -202,8 +206,27 @@ bool DWARFSymbolWalk::skipEntry(const EntryCode& code) {
     if (!m_unit->skipAttributes(m_walker, code, sibling))
         return false;
     if (code.abbrev->hasChildren == DW_CHILDREN_yes)
-        m_unit->skipChildren(m_walker, sibling);
+        skipChildren(sibling);
     return true;
+}
+
+/// The walk over a unit passes everything once. The inside of a function is read one level of expanded calls
+/// at a time, and each of these walks passes all that is below its level: where calls nest as deep as damaged
+/// data likes, the ends of what was passed are noted.
+void DWARFSymbolWalk::skipChildren(unsigned long long sibling) {
+    if (m_isOuter) {
+        m_unit->skipChildren(m_walker, sibling);
+        return;
+    }
+    if (const auto known = m_subtreeEnds.find(m_walker.offset()); known != m_subtreeEnds.end()) {
+        m_walker.seek(known->second);
+        return;
+    }
+    const SectionWalker begin = m_walker;
+    if (m_unit->skipChildren(m_walker, sibling) <= largeSubtree)
+        return;
+    const auto found = m_unit->largeSubtrees(begin, sibling, largeSubtree);
+    m_subtreeEnds.insert(found.begin(), found.end());
 }
 
 /// Passes an entry; its children are walked.
@@ -229,7 +252,7 @@ bool DWARFSymbolWalk::readEntry(const EntryCode& code, const Read& read) {
         return true;
     }
     if (hasChildren)
-        m_unit->skipChildren(m_walker, siblingOf(m_attrs));
+        skipChildren(siblingOf(m_attrs));
     if (hasScope)
         popScope();
     return true;
@@ -392,7 +415,7 @@ const char* DWARFSymbolWalk::readNameOfInlined() {
 
 /// The name that the programmer wrote; the common block without a name keeps its own.
 DWARFName DWARFSymbolWalk::withoutFortranMark(const char* name) {
-    if (!m_unit->isFortran())
+    if (!m_unit->isFortran() || !m_unit->getSections()->affordsText(name))
         return {name, true};
     const std::size_t length = std::strlen(name);
     if (name[length - 1] != '_' || std::strcmp(name, "_BLNK_") == 0)
@@ -405,20 +428,26 @@ DWARFName DWARFSymbolWalk::withoutFortranMark(const char* name) {
 
 DWARFScope* DWARFSymbolWalk::makeFunctionSymbol(const DWARFName& name, unsigned long long address,
                                                 symbol_kind_t kind) {
-    if (!m_sink.exists() || !m_loader.segments().holdBoth(address, address))
+    if (!m_sink.exists() || !m_loader.segments().holdBoth(address, address) || !affordsScope())
         return nullptr;
     return new DWARFScope(&m_loader.fileLoader(), m_sink.scope(), name, address, kind,
                           {m_unit, m_attrs.entryStart(), m_attrs.tag()});
 }
 
 DWARFScope* DWARFSymbolWalk::makeInlineSymbol(unsigned long long low, unsigned long long high) {
-    if (!m_sink.exists() || !m_loader.segments().holdBoth(low, high))
+    if (!m_sink.exists() || !m_loader.segments().holdBoth(low, high) || !affordsScope())
         return nullptr;
     const char* name = nameOfInlined();
     if (!name)
         return nullptr;
     return new DWARFInlineInstanceScope(&m_loader.fileLoader(), m_sink.scope(), withoutFortranMark(name), low,
                                         {m_unit, m_attrs.entryStart(), m_attrs.tag()}, callSiteOf(m_attrs));
+}
+
+/// A scope takes so much more memory than its entry that the two count differently.
+bool DWARFSymbolWalk::affordsScope() {
+    constexpr unsigned long long entriesOfScope = 16;
+    return m_isOuter || m_loader.affordsInside(entriesOfScope);
 }
 
 void DWARFSymbolWalk::pushWithRange(DWARFScope* scope, unsigned long long low, unsigned long long high) {
@@ -434,6 +463,7 @@ void DWARFSymbolWalk::pushWithRanges(DWARFScope* scope) {
     if (!scope)
         return;
     std::unique_ptr<DWARFScope> owner(scope);
+    m_loader.sortIfLong(m_ranges);
     for (auto [low, high] : m_ranges) {
         mapAddresses(low, high);
         scope->addRange(low, high);

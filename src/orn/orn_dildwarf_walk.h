@@ -6,6 +6,7 @@
 #include "orn_dildwarf_scope.h"
 
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace ORN_3_30 {
@@ -86,6 +87,9 @@ public:
                       const DWARFSymbolSink& sink);
 
 private:
+    /// Subtrees of which more entries have to be read than this are passed once only.
+    static constexpr unsigned long long largeSubtree = 1024;
+
     /// The children of one entry while they are walked.
     struct Level {
         symbol_kind_t flags;
@@ -110,6 +114,7 @@ private:
     bool processDIE(const EntryCode& code, symbol_kind_t flags);
     bool processSubprogram(const EntryCode& code, symbol_kind_t flags);
     bool skipEntry(const EntryCode& code);
+    void skipChildren(unsigned long long sibling);
     bool descend(const EntryCode& code, symbol_kind_t flags);
     template <typename Read>
     bool readEntry(const EntryCode& code, const Read& read);
@@ -129,6 +134,7 @@ private:
     void makePlainInline(const AttrBinding* lowAttr, const AttrBinding* highAttr);
     DWARFScope* makeFunctionSymbol(const DWARFName& name, unsigned long long address, symbol_kind_t kind);
     DWARFScope* makeInlineSymbol(unsigned long long low, unsigned long long high);
+    bool affordsScope();
     void pushWithRange(DWARFScope* scope, unsigned long long low, unsigned long long high);
     void pushWithRanges(DWARFScope* scope);
     void popScope();
@@ -154,6 +160,8 @@ private:
     RangeDeque m_ranges;
     std::string m_nameBuffer;
     InlinedNames m_inlinedNames;
+    /// Ends of large subtrees that the inside of functions has, by their begins.
+    std::unordered_map<unsigned long long, unsigned long long> m_subtreeEnds;
 };
 
 } // namespace ORN_3_30

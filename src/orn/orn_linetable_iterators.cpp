@@ -204,6 +204,7 @@ void InlineCallerSourceLineIterator::reset() {
     m_isExpanded = false;
     m_callers.clear();
     m_seen.clear();
+    m_expandedAddress.reset();
 }
 
 ISourceLine* InlineCallerSourceLineIterator::mainLine() {
@@ -224,6 +225,10 @@ void InlineCallerSourceLineIterator::expandMainLine() {
         return;
     const unsigned long long start = mainLine()->relativeAddress() + m_loader.getImageBase();
     const unsigned long long address = std::max(start, m_low);
+    // Each call is given once: another line at the same address has none that were not given.
+    if (m_expandedAddress == address)
+        return;
+    m_expandedAddress = address;
     SymMgrObjectPtr<ISymbolRange> function;
     const status_t status = m_scope->symbolRangeByAddress(function, address, symbol_kind_function, nullptr);
     if (!isFailure(status) && function)

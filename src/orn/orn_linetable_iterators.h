@@ -137,6 +137,7 @@ private:
     std::vector<SymMgrObjectPtr<Iterator>> m_callers;
     std::size_t m_caller = 0;
     SeenInstances m_seen;
+    std::optional<unsigned long long> m_expandedAddress; ///< whose calls were found last
 };
 
 /// The lines of a symbol's ranges in the file that declares the symbol, clipped to two addresses.

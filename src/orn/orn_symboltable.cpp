@@ -29,6 +29,11 @@ namespace {
 /// inside 64 others on average. Beyond it the table is out of memory.
 constexpr unsigned long long listingsAlwaysAllowed = 16ULL << 20;
 constexpr unsigned long long listingsAllowedPerEntry = 64;
+/// Each listing moves those on one side of it in the list. Lists are as long as a forged file likes, so the
+/// moves are limited too, by far more than the longest lists of honest modules need: those of functions that
+/// the linker dropped, which all lie at one address.
+constexpr unsigned long long movesAlwaysAllowed = 1ULL << 28;
+constexpr unsigned long long movesAllowedPerEntry = 1ULL << 16;
 
 /// From `place` on, behind every entry that ends above `end`. Quirk: the head is passed whatever its end, the
 /// others only if their ends are greater.
@@ -204,12 +209,40 @@ SymbolTable::SymbolTable(Scope* scope, ILock* lock)
       m_plainLoader(nullptr),
       m_entryCount(0),
       m_furtherListings(0),
+      m_listingMoves(0),
       m_isOrdered(true),
       m_changeStamp(0) {}
 
+/// The scopes have tables of their own, theirs too, as deep as expanded calls nest in damaged data: the
+/// scopes of a table that dies inside the death of another wait until that one is done, so that destructors
+/// do not nest.
 SymbolTable::~SymbolTable() {
+    using Scopes = decltype(m_scopes);
+    thread_local std::vector<Scopes>* waiting = nullptr;
+    if (m_scopes.empty())
+        return;
+    if (waiting) {
+        try {
+            waiting->push_back(std::move(m_scopes));
+            return;
+        } catch (const std::bad_alloc&) {
+            // Without memory for the list they nest after all.
+        }
+        for (Scope* scope : m_scopes)
+            delete scope;
+        return;
+    }
+    std::vector<Scopes> inside;
+    waiting = &inside;
     for (Scope* scope : m_scopes)
         delete scope;
+    while (!inside.empty()) {
+        const Scopes scopes = std::move(inside.back());
+        inside.pop_back();
+        for (Scope* scope : scopes)
+            delete scope;
+    }
+    waiting = nullptr;
 }
 
 // --- Taking scopes in
@@ -499,6 +532,9 @@ void SymbolTable::list(CellList& list, CellEntry* entry) {
 
 void SymbolTable::listInFurtherCell(CellList& list, std::size_t place, CellEntry* entry) {
     if (m_furtherListings >= listingsAlwaysAllowed + listingsAllowedPerEntry * m_entryCount)
+        throw std::bad_alloc();
+    m_listingMoves += std::min(place, list.size() - place);
+    if (m_listingMoves > movesAlwaysAllowed + movesAllowedPerEntry * m_entryCount)
         throw std::bad_alloc();
     list.insert(m_listStore, place, entry);
     ++m_furtherListings;

@@ -147,6 +147,7 @@ private:
     ListStore m_listStore;
     unsigned long long m_entryCount;
     unsigned long long m_furtherListings; ///< of entries in cells that do not own them
+    unsigned long long m_listingMoves;    ///< of entries in lists that took in such a listing
     bool m_isOrdered;                     ///< every list is ordered by descending end
     /// Counts the changes of cells and lists: an iterator that finds another value looks up its place anew.
     unsigned long long m_changeStamp;
