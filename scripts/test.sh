@@ -4,7 +4,7 @@
 #   debug        gcc, everything that can be built, all tests: the reference
 #   asan         clang, address and undefined-behaviour sanitizers, all tests: the second compiler's warnings in
 #                the same build, and half the time that gcc takes to compile tests for these sanitizers
-#   tsan         clang, thread sanitizer
+#   tsan         clang, thread sanitizer, the tests that start threads
 #   release      gcc, through the quick start, as a new user meets it
 set -euo pipefail
 # shellcheck source-path=SCRIPTDIR source=lib.sh
@@ -210,7 +210,7 @@ fullRun() {
     configurations+=(build-asan)
     step "Fuzz every parser for a moment" fuzzBriefly build-asan
     if sanitizerWorks thread; then
-        step "Build with the thread sanitizer (clang)" clangBuild tsan build-tsan
+        step "Build with the thread sanitizer (clang)" clangBuild tsan build-tsan -DORN_TESTS_OF_THREADS=ON
         step "Test with the thread sanitizer" runTests build-tsan -LE slow
         configurations+=(build-tsan)
     else
