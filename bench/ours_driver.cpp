@@ -22,9 +22,12 @@ public:
 };
 
 struct Peer {
+    static constexpr unsigned fewLookups = 8;
+
     SymMgrObjectPtr<ISymbolManager> manager;
     SymMgrObjectPtr<IModuleSymbolBank> bank;
     InnermostLocation innermost;
+    unsigned lookups = 0;
     std::vector<RangePtr> chain;
     std::vector<LocationPtr> locations; ///< keeps the texts of the last answer
 
@@ -44,8 +47,6 @@ struct Peer {
             return;
         RangePtr range;
         (void)bank->symbolRangeByAddress(address, range, symbol_kind_function, nullptr);
-        if (!range)
-            return;
         chain.push_back(range);
         while (inlines && range) {
             RangePtr nested;
@@ -57,12 +58,27 @@ struct Peer {
         addFrames(*address, out);
     }
 
-    void addFrames(IAddress& address, std::vector<Frame>& out) {
+    /// The lines of the unit that owns the function, or of all units where that has none at the address. Who
+    /// goes on asking will need most units: to read all at once is cheaper then.
+    LocationPtr locationAt(IAddress& address) {
+        ICompUnitDetails* unit = nullptr;
+        if (chain.front() && lookups++ < fewLookups)
+            (void)chain.front()->symbol()->compUnitDetails(unit);
         LocationPtr location;
         ISourceLocationSelector* selector = &innermost;
-        (void)bank->sourceLocationByAddress(&address, location, 0, selector);
+        if (unit)
+            (void)bank->sourceLocationByAddress(&address, location, unit->getOffset(), selector);
+        if (!location)
+            (void)bank->sourceLocationByAddress(&address, location, 0, selector);
+        return location;
+    }
+
+    void addFrames(IAddress& address, std::vector<Frame>& out) {
+        LocationPtr location = locationAt(address);
+        if (!chain.front() && !location)
+            return;
         for (auto range = chain.rbegin(); range != chain.rend(); ++range) {
-            out.push_back({(*range)->symbol()->rawName(), nullptr, 0});
+            out.push_back({*range ? (*range)->symbol()->rawName() : nullptr, nullptr, 0});
             if (location) {
                 if (ISourceFile* file = location->file())
                     out.back().file = file->name();
@@ -70,6 +86,8 @@ struct Peer {
                 locations.push_back(location);
             }
             location = nullptr;
+            if (!*range)
+                return;
             if (IInlineInstance* instance = (*range)->inlineInstance())
                 instance->callSite(location);
         }

@@ -4,6 +4,7 @@
 #include "symbolizer.h"
 
 #include "orn/address.h"
+#include "orn/comp_unit_details.h"
 #include "orn/symbol.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 namespace orn_tool {
 
 using ORN_3_30::IAddress;
+using ORN_3_30::ICompUnitDetails;
 using ORN_3_30::IInlineInstance;
 using ORN_3_30::IIterator;
 using ORN_3_30::isFailure;
@@ -45,6 +47,9 @@ public:
         return candidates->current();
     }
 };
+
+/// Unit id of a question to all units.
+constexpr unsigned long long everyUnit = 0;
 
 const char* functionName(ISymbol* symbol) {
     return symbol ? symbol->demangledName(0) : "??";
@@ -144,15 +149,32 @@ void Symbolizer::fillFrames(IAddress& address) {
     std::reverse(m_answer.frames.begin(), m_answer.frames.end());
 }
 
+/// The lines of the unit that owns the symbol answer nearly every question, and spare the reading of all
+/// others. Who goes on asking will need most of them: to read all at once is cheaper then.
+SymMgrObjectPtr<ISourceLocation> Symbolizer::locationOf(IAddress& address) {
+    constexpr unsigned fewQuestions = 8;
+    SymMgrObjectPtr<ISourceLocation> location;
+    ICompUnitDetails* unit = nullptr;
+    if (m_questions++ < fewQuestions && !isFailure(m_answer.symbol->compUnitDetails(unit)) && unit)
+        location = locationOf(address, unit->getOffset());
+    return location ? location : locationOf(address, everyUnit);
+}
+
+SymMgrObjectPtr<ISourceLocation> Symbolizer::locationOf(IAddress& address, unsigned long long unitId) {
+    InnermostLocation innermost;
+    // The selector travels behind a pointer to void: it has to be one to the interface itself.
+    ISourceLocationSelector* selector = &innermost;
+    SymMgrObjectPtr<ISourceLocation> location;
+    if (isFailure(m_bank.sourceLocationByAddress(&address, location, unitId, selector)))
+        return nullptr;
+    return location;
+}
+
 /// The innermost frame is where the address is; every other one is where the call into the frame before
 /// stood.
 void Symbolizer::fillLocations(IAddress& address) {
     auto frame = m_answer.frames.begin();
-    SymMgrObjectPtr<ISourceLocation> location;
-    InnermostLocation innermost;
-    // The selector travels behind a pointer to void: it has to be one to the interface itself.
-    ISourceLocationSelector* selector = &innermost;
-    if (!isFailure(m_bank.sourceLocationByAddress(&address, location, 0, selector)) && location) {
+    if (SymMgrObjectPtr<ISourceLocation> location = locationOf(address)) {
         setLocation(*frame, *location);
         m_locations.push_back(location);
     }

@@ -52,6 +52,9 @@ private:
     RangePtr rangeAt(ORN_3_30::IAddress& address);
     void fillSymbol();
     void fillFrames(ORN_3_30::IAddress& address);
+    ORN_3_30::SymMgrObjectPtr<ORN_3_30::ISourceLocation> locationOf(ORN_3_30::IAddress& address);
+    ORN_3_30::SymMgrObjectPtr<ORN_3_30::ISourceLocation> locationOf(ORN_3_30::IAddress& address,
+                                                                    unsigned long long unitId);
     void fillLocations(ORN_3_30::IAddress& address);
 
     const ModuleSession& m_session;
@@ -59,6 +62,7 @@ private:
     AddressSpace m_space;
     unsigned long long m_loadAddress;
     bool m_hasWarned = false;
+    unsigned m_questions = 0; ///< for locations
     Answer m_answer;
     std::vector<RangePtr> m_chain; ///< ranges behind the frames, outermost first; keeps their texts alive
     std::vector<ORN_3_30::SymMgrObjectPtr<ORN_3_30::ISourceLocation>> m_locations;

@@ -41,10 +41,10 @@ class RefCountHelper {
 public:
     /// The lock is borrowed and may be null: then the count is not guarded at all.
     RefCountHelper(IDeleteObserver* observer, ILock* lock)
-        : m_refCount(0), m_observer(observer), m_lock(lock), m_ownsLock(false) {}
+        : m_refCount(0), m_ownsLock(false), m_observer(observer), m_lock(lock) {}
     /// With `ownLock` the counter makes a lock of its own, which dies after the object.
     RefCountHelper(IDeleteObserver* observer, bool ownLock)
-        : m_refCount(0), m_observer(observer), m_lock(ownLock ? new OrnLock : nullptr), m_ownsLock(ownLock) {}
+        : m_refCount(0), m_ownsLock(ownLock), m_observer(observer), m_lock(ownLock ? new OrnLock : nullptr) {}
     /// Frees the lock of an object that never reached its last release: one that its owner deletes, or whose
     /// construction failed.
     ~RefCountHelper() {
@@ -60,9 +60,9 @@ public:
 
 private:
     std::uint32_t m_refCount;
+    bool m_ownsLock; ///< beside the count: every object has a counter, and a module has millions of objects
     IDeleteObserver* m_observer;
     ILock* m_lock;
-    bool m_ownsLock;
 };
 
 } // namespace internal

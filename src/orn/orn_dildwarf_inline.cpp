@@ -10,11 +10,14 @@
 
 namespace ORN_3_30 {
 
-DWARFInlineInstance::DWARFInlineInstance(DWARFInlineInstanceScope* scope, const DWARFPosition& callSite)
-    : InlineInstance(scope), m_callSite(callSite) {}
+DWARFInlineInstance::DWARFInlineInstance(DWARFInlineInstanceScope* scope) : InlineInstance(scope) {}
+
+DWARFInlineInstanceScope& DWARFInlineInstance::owner() const {
+    return static_cast<DWARFInlineInstanceScope&>(*m_scope);
+}
 
 int DWARFInlineInstance::hasCallSite() {
-    return m_callSite.exists() ? 1 : 0;
+    return owner().hasCallSite() ? 1 : 0;
 }
 
 /// A call in a file that is not known has no location, though it has a place.
@@ -28,20 +31,27 @@ void DWARFInlineInstance::callSite(SymMgrObjectPtr<ISourceLocation>& out) try {
 ISourceLocation* DWARFInlineInstance::ensureLocation() {
     if (ISourceLocation* known = m_location.get())
         return known;
-    if (!m_callSite.exists())
+    const DWARFInlineInstanceScope& scope = owner();
+    if (!scope.hasCallSite())
         return nullptr;
-    DWARFDebugInfoLoader* loader = m_callSite.unit->getLoader();
+    DWARFCompilationUnit& unit = scope.unit();
+    // The abbreviations go with the loader: without it no entry can be read.
+    DWARFDebugInfoLoader* loader = unit.getLoader();
     if (!loader)
         return nullptr;
     ScopedLock guard(loader->loadLock());
-    m_location.make(m_callSite);
+    AttrBindings entry(&unit);
+    if (unit.readAttrBindingsAt(scope.entryOffset(), entry))
+        m_location.make(callSiteOf(entry));
     return m_location.get();
 }
 
 DWARFInlineInstanceScope::DWARFInlineInstanceScope(IFileFormatLoader* loader, Scope* parent,
                                                    const DWARFName& name, unsigned long long value,
-                                                   const Entry& entry, const DWARFPosition& callSite)
+                                                   const Entry& entry, bool hasCallSite)
     : DWARFScope(loader, parent, name, value, symbol_kind_function, entry, DWARFSymbol::declaredBy_Origin),
-      m_inlineInstance(this, callSite) {}
+      m_inlineInstance(this) {
+    setHasCallSite(hasCallSite);
+}
 
 } // namespace ORN_3_30

@@ -8,19 +8,20 @@ namespace ORN_3_30 {
 
 class DWARFInlineInstanceScope;
 
-/// One expansion of a function at one call. Part of its scope.
+/// One expansion of a function at one call. Part of its scope. A module may have more of these than of
+/// functions, so the place of the call stays in the entry until someone asks for it.
 class DWARFInlineInstance : public InlineInstance {
 public:
-    DWARFInlineInstance(DWARFInlineInstanceScope* scope, const DWARFPosition& callSite);
+    explicit DWARFInlineInstance(DWARFInlineInstanceScope* scope);
 
     void callSite(SymMgrObjectPtr<ISourceLocation>& out) override;
     int hasCallSite() override;
     void onLastRelease() override {} // part of its scope
 
 private:
+    DWARFInlineInstanceScope& owner() const;
     ISourceLocation* ensureLocation();
 
-    DWARFPosition m_callSite;
     DWARFLocation m_location;
 };
 
@@ -28,7 +29,7 @@ private:
 class DWARFInlineInstanceScope : public DWARFScope {
 public:
     DWARFInlineInstanceScope(IFileFormatLoader* loader, Scope* parent, const DWARFName& name,
-                             unsigned long long value, const Entry& entry, const DWARFPosition& callSite);
+                             unsigned long long value, const Entry& entry, bool hasCallSite);
 
     IInlineInstance* inlineInstance() override { return &m_inlineInstance; }
 

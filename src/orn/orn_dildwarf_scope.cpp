@@ -8,7 +8,6 @@
 #include "orn_log.h"
 
 #include <cstring>
-#include <limits>
 
 namespace ORN_3_30 {
 
@@ -59,9 +58,7 @@ DWARFScope::DWARFScope(IFileFormatLoader* loader, Scope* parent, const DWARFName
                        DWARFSymbol::DeclaredBy declaredBy)
     : SymbolScope(loader, parent, nullptr),
       m_embeddedSymbol(loader, name, value, this, kind, entry.unit, entry.offset, declaredBy),
-      m_tag(entry.tag < std::numeric_limits<std::uint32_t>::max()
-                ? static_cast<std::uint32_t>(entry.tag)
-                : std::numeric_limits<std::uint32_t>::max()) {
+      m_hasMembers(entry.tag == DW_TAG_variable || entry.tag == DW_TAG_member) {
     setSymbol(&m_embeddedSymbol);
     setToldBy(ToldBy::AnyName);
 }
@@ -183,13 +180,9 @@ status_t DWARFScope::readContent(symbol_kind_t mask) {
     const status_t status = loader->loadChildren(unit(), entryOffset(), *this, mask);
     if (status != status_Ok)
         return status;
-    if ((mask & symbol_kind_variable) && hasMembers())
+    if ((mask & symbol_kind_variable) && m_hasMembers)
         loader->loadMembers(unit(), entryOffset(), *this);
     return status_Ok;
-}
-
-bool DWARFScope::hasMembers() const {
-    return m_tag == DW_TAG_variable || m_tag == DW_TAG_member;
 }
 
 } // namespace ORN_3_30

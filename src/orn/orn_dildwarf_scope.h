@@ -39,6 +39,11 @@ public:
 
     DWARFCompilationUnit& unit() const { return m_embeddedSymbol.unit(); }
     unsigned long long entryOffset() const { return m_embeddedSymbol.entryOffset(); }
+    /// Whether the entry tells the place of a call; only of an expanded one.
+    bool hasCallSite() const { return m_hasCallSite; }
+
+protected:
+    void setHasCallSite(bool hasCallSite) { m_hasCallSite = hasCallSite; }
 
 private:
     class EmbeddedSymbol : public DWARFSymbol {
@@ -53,11 +58,11 @@ private:
     bool isRead(symbol_kind_t mask) const {
         return (mask & ~m_readKinds.load(std::memory_order_acquire)) == symbol_kind_none;
     }
-    bool hasMembers() const;
     status_t readContent(symbol_kind_t mask);
 
     EmbeddedSymbol m_embeddedSymbol;
-    std::uint32_t m_tag; ///< all ones for one that does not fit, which none that is asked for does
+    const bool m_hasMembers; ///< the entry is a variable, whose members are symbols of their own
+    bool m_hasCallSite = false;
     std::atomic<symbol_kind_t> m_readKinds{symbol_kind_none};
 };
 

@@ -53,8 +53,17 @@ DWARFPosition callSiteOf(AttrBindings& entry) {
 }
 
 DWARFLocation::~DWARFLocation() {
-    if (ISourceLocation* location = m_location.load(std::memory_order_relaxed))
+    if (SourceLocation* location = m_location.load(std::memory_order_relaxed))
         location->release();
+}
+
+ISourceLocation* DWARFLocation::get() const {
+    return m_location.load(std::memory_order_acquire);
+}
+
+unsigned DWARFLocation::fileId() const {
+    const SourceLocation* location = m_location.load(std::memory_order_acquire);
+    return location ? location->fileIndex() : ~0U;
 }
 
 void DWARFLocation::make(const DWARFPosition& position) {
@@ -64,11 +73,10 @@ void DWARFLocation::make(const DWARFPosition& position) {
     const int fileId = resolver ? resolver->fileIdOf(position.file, *position.unit) : -1;
     if (fileId < 0)
         return;
-    ISourceLocation* location =
+    auto* location =
         new SourceLocation(resolver, position.unit->getOffset(), static_cast<unsigned>(fileId), position.line,
                            position.column, position.extra);
     location->addRef();
-    m_fileId = static_cast<unsigned>(fileId);
     m_location.store(location, std::memory_order_release);
 }
 

@@ -9,6 +9,8 @@
 
 namespace ORN_3_30 {
 
+class SourceLocation;
+
 /// A position in source code as an entry tells it: a declaration, or the place of a call.
 struct DWARFPosition {
     unsigned long long file = 0; ///< number in the file table of `unit`
@@ -36,15 +38,14 @@ public:
     DWARFLocation& operator=(const DWARFLocation&) = delete;
 
     /// Null before make() has succeeded.
-    ISourceLocation* get() const { return m_location.load(std::memory_order_acquire); }
+    ISourceLocation* get() const;
     /// Holds under the loading lock. Leaves the object alone where the position has no file.
     void make(const DWARFPosition& position);
     /// Id of the file; all ones before make() has succeeded.
-    unsigned fileId() const { return m_fileId; }
+    unsigned fileId() const;
 
 private:
-    std::atomic<ISourceLocation*> m_location{nullptr}; ///< counted
-    unsigned m_fileId = ~0U;
+    std::atomic<SourceLocation*> m_location{nullptr}; ///< counted
 };
 
 /// The name of an entry: a text of the debug sections, which live as long as the unit, or of someone else.

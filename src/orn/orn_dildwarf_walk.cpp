@@ -441,7 +441,8 @@ DWARFScope* DWARFSymbolWalk::makeInlineSymbol(unsigned long long low, unsigned l
     if (!name)
         return nullptr;
     return new DWARFInlineInstanceScope(&m_loader.fileLoader(), m_sink.scope(), withoutFortranMark(name), low,
-                                        {m_unit, m_attrs.entryStart(), m_attrs.tag()}, callSiteOf(m_attrs));
+                                        {m_unit, m_attrs.entryStart(), m_attrs.tag()},
+                                        callSiteOf(m_attrs).exists());
 }
 
 /// A scope takes so much more memory than its entry that the two count differently.

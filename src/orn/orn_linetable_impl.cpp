@@ -96,21 +96,19 @@ void LineTable::sourceLinesInRange(SymMgrObjectPtr<LineIterator>& out, unsigned 
     out = new SourceLineIterator(*this, {low, high, unitId, fileId});
 }
 
-/// Sorts what arrived since the last query into a list of its own, and merges lists until each is at least
-/// twice as long as the next.
+/// Sorts what arrived since the last query, together with the lists that it would else leave less than twice
+/// as long as the next: so few lists are to be searched, and a locator is moved a logarithmic number of
+/// times.
 void LineTable::settle() {
     if (m_arrived.isEmpty())
         return;
-    m_lists.push_back(std::make_shared<SrcLocatorList>(m_arrived));
-    while (m_lists.size() > 1) {
-        const SrcLocatorList& newer = *m_lists.back();
-        const SrcLocatorList& older = *m_lists[m_lists.size() - 2];
-        if (older.size() >= 2 * newer.size())
-            break;
-        auto merged = std::make_shared<SrcLocatorList>(older, newer);
-        m_lists.pop_back();
-        m_lists.back() = std::move(merged);
-    }
+    std::size_t rows = m_arrived.size();
+    std::size_t first = m_lists.size();
+    while (first > 0 && m_lists[first - 1]->size() < 2 * rows)
+        rows += m_lists[--first]->size();
+    auto list = std::make_shared<SrcLocatorList>(m_lists, first, m_arrived);
+    m_lists.resize(first);
+    m_lists.push_back(std::move(list));
 }
 
 std::size_t LineTable::locatorCount() {

@@ -1,9 +1,9 @@
 // The store of the line table. Locators are appended as line programs deliver them; the first query after
-// that sorts them into a list of its own, and lists of like size are merged, so that each locator is moved a
-// logarithmic number of times however loads and queries alternate. A list has two indices: starts and ends
-// by blocks of rows, for queries by address, and positions by file and unit, made when the first query for a
-// file comes. Which answers a query has and in which order is the business of orn_linetable_order.cpp and of
-// the iterators.
+// that sorts them into a list, together with the lists before it that are not much longer, so that each
+// locator is moved a logarithmic number of times however loads and queries alternate. A list has two indices:
+// starts and ends by blocks of rows, for queries by address, and positions by file and unit, made when the
+// first query for a file comes. Which answers a query has and in which order is the business of
+// orn_linetable_order.cpp and of the iterators.
 
 #include "orn_linetable_locators.h"
 
@@ -87,46 +87,64 @@ void ArrivedLocators::clear() {
 
 // Making lists
 
-/// Neighbours in order of arrival whose addresses ascend. A line program delivers nothing else within a
-/// sequence, so that sorting its rows is mostly a matter of putting whole sequences one behind the other.
+/// Neighbours each of which begins where the one before it ends. A line program delivers nothing else within
+/// a sequence, so that sorting its rows is mostly a matter of putting whole sequences one behind the other.
+/// Ascending addresses alone would not do: they run on from a sequence of cold code into the far away one of
+/// the code that it was split from, across the sequences of all other units.
 struct SrcLocatorList::Segment {
     const SrcLocator* begin;
     const SrcLocator* end;
+    std::uint32_t wideOffset; ///< of what its rows have in the side list
 
     unsigned long long low() const { return begin->address; }
     unsigned long long high() const { return end[-1].address; }
 };
 
-SrcLocatorList::SrcLocatorList(ArrivedLocators& arrived) {
-    m_rows.reserve(arrived.size());
-    copySegments(ascendingSegments(arrived));
-    m_wide = arrived.m_wide;
+SrcLocatorList::SrcLocatorList(const SrcLocatorLists& lists, std::size_t firstList,
+                               ArrivedLocators& arrived) {
+    std::vector<Segment> segments;
+    std::size_t rowCount = arrived.size();
+    for (std::size_t index = firstList; index < lists.size(); ++index) {
+        const SrcLocatorList& list = *lists[index];
+        addSegments(list.m_rows.data(), list.size(), segments);
+        m_wide.insert(m_wide.end(), list.m_wide.begin(), list.m_wide.end());
+        rowCount += list.size();
+    }
+    for (std::size_t chunk = 0; chunk < arrived.m_chunks.size(); ++chunk)
+        addSegments(arrived.m_chunks[chunk].get(), arrived.rowsIn(chunk), segments);
+    m_wide.insert(m_wide.end(), arrived.m_wide.begin(), arrived.m_wide.end());
+    m_rows.reserve(rowCount);
+    copySegments(segments);
     dropDuplicates();
     indexEnds();
     arrived.clear(); // last, so that nothing is lost if memory runs out
 }
 
-std::vector<SrcLocatorList::Segment> SrcLocatorList::ascendingSegments(const ArrivedLocators& arrived) {
-    std::vector<Segment> segments;
-    for (std::size_t chunk = 0; chunk < arrived.m_chunks.size(); ++chunk) {
-        const SrcLocator* row = arrived.m_chunks[chunk].get();
-        const SrcLocator* const last = row + arrived.rowsIn(chunk);
-        while (row != last) {
-            const SrcLocator* const begin = row;
-            do
-                ++row;
-            while (row != last && row[-1].address <= row->address);
-            segments.push_back({begin, row});
-        }
+/// Their side list is going to be appended to the one that is there now.
+void SrcLocatorList::addSegments(const SrcLocator* rows, std::size_t count,
+                                 std::vector<Segment>& segments) const {
+    const SrcLocator* row = rows;
+    const SrcLocator* const last = rows + count;
+    const auto continues = [](const SrcLocator& left, const SrcLocator& right) {
+        return left.address + left.size == right.address && left.address <= right.address;
+    };
+    while (row != last) {
+        const SrcLocator* const begin = row;
+        do
+            ++row;
+        while (row != last && continues(row[-1], *row));
+        segments.push_back({begin, row, static_cast<std::uint32_t>(m_wide.size())});
     }
-    const auto lower = [](const Segment& left, const Segment& right) { return left.low() < right.low(); };
-    if (!std::is_sorted(segments.begin(), segments.end(), lower))
-        std::stable_sort(segments.begin(), segments.end(), lower);
-    return segments;
 }
 
-/// Copies the segments one behind the other and sorts the stretches in which they reach into each other.
-void SrcLocatorList::copySegments(const std::vector<Segment>& segments) {
+/// Copies the segments one behind the other, the lowest in front, and sorts the stretches in which they reach
+/// into each other.
+void SrcLocatorList::copySegments(std::vector<Segment>& segments) {
+    const auto startsLower = [](const Segment& left, const Segment& right) {
+        return left.low() < right.low();
+    };
+    if (!std::is_sorted(segments.begin(), segments.end(), startsLower))
+        std::stable_sort(segments.begin(), segments.end(), startsLower);
     const auto lower = [](const SrcLocator& left, const SrcLocator& right) {
         return left.address != right.address ? left.address < right.address : left.serial < right.serial;
     };
@@ -136,13 +154,23 @@ void SrcLocatorList::copySegments(const std::vector<Segment>& segments) {
         std::size_t next = first;
         do {
             high = std::max(high, segments[next].high());
-            m_rows.insert(m_rows.end(), segments[next].begin, segments[next].end);
+            copySegment(segments[next]);
             ++next;
         } while (next < segments.size() && segments[next].low() < high);
         if (next - first > 1)
             std::sort(m_rows.begin() + stretch, m_rows.end(), lower);
         first = next;
     }
+}
+
+void SrcLocatorList::copySegment(const Segment& segment) {
+    m_rows.insert(m_rows.end(), segment.begin, segment.end);
+    if (segment.wideOffset == 0)
+        return;
+    const auto count = segment.end - segment.begin;
+    for (auto row = m_rows.end() - count; row != m_rows.end(); ++row)
+        if (row->size == SrcLocator::isWide)
+            row->tag += segment.wideOffset;
 }
 
 /// Gives the locators of one address their order and drops repetitions; the first to arrive stays.
@@ -167,28 +195,6 @@ void SrcLocatorList::dropDuplicates() {
     m_rows.resize(kept);
     if (isWasteful)
         m_rows.shrink_to_fit();
-}
-
-SrcLocatorList::SrcLocatorList(const SrcLocatorList& older, const SrcLocatorList& newer)
-    : m_wide(older.m_wide) {
-    m_rows.reserve(older.size() + newer.size());
-    m_wide.insert(m_wide.end(), newer.m_wide.begin(), newer.m_wide.end());
-    const auto wideOffset = static_cast<std::uint32_t>(older.m_wide.size());
-    const auto append = [this](const SrcLocator& row) {
-        if (m_rows.empty() || !isSame(m_rows.back(), row))
-            m_rows.push_back(row);
-    };
-    std::size_t position = 0;
-    for (SrcLocator row : newer.m_rows) {
-        if (row.size == SrcLocator::isWide)
-            row.tag += wideOffset;
-        while (position < older.size() && comesBefore(older.m_rows[position], row))
-            append(older.m_rows[position++]);
-        append(row);
-    }
-    while (position < older.size())
-        append(older.m_rows[position++]);
-    indexEnds();
 }
 
 /// Order within a list: by address; the rest only brings duplicates together, the first to arrive in front.

@@ -132,10 +132,9 @@ public:
         std::uint32_t last;  ///< behind them
     };
 
-    /// Takes everything out of `arrived`.
-    explicit SrcLocatorList(ArrivedLocators& arrived);
-    /// The locators of both; `older` arrived before `newer`.
-    SrcLocatorList(const SrcLocatorList& older, const SrcLocatorList& newer);
+    /// The locators of `lists` from number `firstList` on, and everything out of `arrived`.
+    SrcLocatorList(const std::vector<std::shared_ptr<SrcLocatorList>>& lists, std::size_t firstList,
+                   ArrivedLocators& arrived);
 
     std::size_t size() const { return m_rows.size(); }
     const SrcLocator& operator[](std::size_t position) const { return m_rows[position]; }
@@ -205,8 +204,9 @@ private:
                 visit(m_rows[position]);
     }
 
-    static std::vector<Segment> ascendingSegments(const ArrivedLocators& arrived);
-    void copySegments(const std::vector<Segment>& segments);
+    void addSegments(const SrcLocator* rows, std::size_t count, std::vector<Segment>& segments) const;
+    void copySegments(std::vector<Segment>& segments);
+    void copySegment(const Segment& segment);
     void dropDuplicates();
     void indexEnds();
     bool comesBefore(const SrcLocator& left, const SrcLocator& right) const;

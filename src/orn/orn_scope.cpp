@@ -29,6 +29,7 @@ Scope::Scope(IFileFormatLoader* loader, Scope* parent, ILock* lock)
       m_extras(nullptr),
       m_parent(parent),
       m_loader(loader),
+      m_nextOwned(nullptr),
       m_loadedKinds(symbol_kind_none),
       m_firstNodeTaken(false),
       m_ownedByTable(false),

@@ -123,6 +123,8 @@ public:
     /// A table has taken the scope for good; a scope enters one table once.
     bool isOwnedByTable() const { return m_ownedByTable; }
     void setOwnedByTable() { m_ownedByTable = true; }
+    /// The next scope of the table that has taken this one; the table's to change.
+    Scope*& nextOwned() { return m_nextOwned; }
     /// What compare() of this scope goes by: it gives nothing for a scope that differs in it.
     enum class ToldBy : unsigned char {
         Anything, ///< ask compare()
@@ -162,6 +164,7 @@ private:
     std::atomic<Extras*> m_extras; ///< owned; null until needed
     Scope* m_parent;               ///< borrowed
     IFileFormatLoader* m_loader;   ///< borrowed
+    Scope* m_nextOwned;            ///< in the chain of the table that has taken this one
     std::atomic<symbol_kind_t> m_loadedKinds;
     bool m_firstNodeTaken;
     bool m_ownedByTable;

@@ -51,8 +51,8 @@ SourceLocation::SourceLocation(ISrcLineResolver* resolver, unsigned long long sy
       m_resolver(resolver),
       m_line(line),
       m_column(column),
-      m_extra(extra),
       m_fileIndex(fileIndex),
+      m_extra(extra),
       m_symbolId(symbolId) {}
 
 /// A number that the resolver does not know yet is asked for again next time.

@@ -51,6 +51,7 @@ public:
     unsigned line() override { return m_line; }
     unsigned column() override { return m_column; }
     unsigned long long extra() override { return m_extra; }
+    unsigned fileIndex() const { return m_fileIndex; }
 
 private:
     /// Set without a lock: whoever asks gets the same value.
@@ -58,8 +59,8 @@ private:
     ISrcLineResolver* m_resolver;
     unsigned m_line;
     unsigned m_column;
-    unsigned long long m_extra;
     unsigned m_fileIndex;
+    unsigned long long m_extra;
     unsigned long long m_symbolId;
 };
 

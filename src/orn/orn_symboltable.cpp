@@ -203,6 +203,40 @@ ISymbolTable* ISymbolTable::create(Scope* scope) {
     }
 }
 
+// OwnedScopes
+
+void OwnedScopes::append(Scope* scope) {
+    linkBehind(m_last) = scope;
+    m_last = scope;
+}
+
+void OwnedScopes::append(OwnedScopes& others) {
+    if (!others.m_first)
+        return;
+    linkBehind(m_last) = others.m_first;
+    m_last = others.m_last;
+    others.m_first = others.m_last = nullptr;
+}
+
+void OwnedScopes::remove(Scope* scope, Scope* previous) {
+    linkBehind(previous) = scope->nextOwned();
+    if (m_last == scope)
+        m_last = previous;
+}
+
+Scope* OwnedScopes::takeFirst() {
+    Scope* first = m_first;
+    if (first)
+        remove(first, nullptr);
+    return first;
+}
+
+Scope*& OwnedScopes::linkBehind(Scope* scope) {
+    return scope ? scope->nextOwned() : m_first;
+}
+
+// SymbolTable
+
 SymbolTable::SymbolTable(Scope* scope, ILock* lock)
     : SymMgrObject<ISymbolTable>(lock),
       m_scope(scope),
@@ -217,31 +251,16 @@ SymbolTable::SymbolTable(Scope* scope, ILock* lock)
 /// scopes of a table that dies inside the death of another wait until that one is done, so that destructors
 /// do not nest.
 SymbolTable::~SymbolTable() {
-    using Scopes = decltype(m_scopes);
-    thread_local std::vector<Scopes>* waiting = nullptr;
-    if (m_scopes.empty())
-        return;
+    thread_local OwnedScopes* waiting = nullptr;
     if (waiting) {
-        try {
-            waiting->push_back(std::move(m_scopes));
-            return;
-        } catch (const std::bad_alloc&) {
-            // Without memory for the list they nest after all.
-        }
-        for (Scope* scope : m_scopes)
-            delete scope;
+        waiting->append(m_scopes);
         return;
     }
-    std::vector<Scopes> inside;
-    waiting = &inside;
-    for (Scope* scope : m_scopes)
+    OwnedScopes scopes;
+    scopes.append(m_scopes);
+    waiting = &scopes;
+    while (Scope* scope = scopes.takeFirst())
         delete scope;
-    while (!inside.empty()) {
-        const Scopes scopes = std::move(inside.back());
-        inside.pop_back();
-        for (Scope* scope : scopes)
-            delete scope;
-    }
     waiting = nullptr;
 }
 
@@ -254,16 +273,16 @@ int SymbolTable::takeScope(Scope* scope, const Add& add) {
     if (!scope)
         return 0;
     bool wasOwned = scope->isOwnedByTable();
+    Scope* const previous = m_scopes.last();
     if (!wasOwned) {
-        m_scopes.push_back(scope);
+        m_scopes.append(scope);
         scope->setOwnedByTable();
     }
     if (add())
         return 1;
     if (!wasOwned) {
         // Not the last one any more if scopes of plain symbols were made on the way.
-        auto behind = std::find(m_scopes.rbegin(), m_scopes.rend(), scope).base();
-        m_scopes.erase(std::prev(behind));
+        m_scopes.remove(scope, previous);
         delete scope;
     }
     return 0;
@@ -321,7 +340,7 @@ Scope* SymbolTable::makeScope(CellEntry& entry) {
                              static_cast<symbol_kind_t>(entry.kind)};
     std::unique_ptr<SymbolScope> scope(
         newPlainScope(*m_plainLoader, m_scope, symbol, entry.start, entry.end));
-    m_scopes.push_back(scope.get());
+    m_scopes.append(scope.get());
     scope->setOwnedByTable();
     std::atomic_ref<Scope*>(entry.scope).store(scope.get(), std::memory_order_release);
     return scope.release();
@@ -392,8 +411,8 @@ CellEntry* SymbolTable::addEntry(Newcomer& newcomer) {
     else
         list(m_cells.listAt(cell), entry);
     extend(cell, entry, start);
-    if (auto crowd = m_crowds.find(start); crowd != m_crowds.end() && crowd->second)
-        crowd->second->add(*entry);
+    if (Crowd* crowd = knownCrowd(start))
+        crowd->add(*entry);
     return entry;
 }
 
@@ -431,9 +450,19 @@ CellEntry* SymbolTable::settleAmong(const Entries& entries, Position cell, Newco
     return nullptr;
 }
 
+/// Null where none was made.
+SymbolTable::Crowd* SymbolTable::knownCrowd(unsigned long long start) const {
+    if (!m_crowds)
+        return nullptr;
+    const auto found = m_crowds->find(start);
+    return found != m_crowds->end() ? found->second.get() : nullptr;
+}
+
 SymbolTable::Crowd& SymbolTable::crowdAt(Position cell) {
     const unsigned long long key = m_cells.keyAt(cell);
-    std::unique_ptr<Crowd>& place = m_crowds[key];
+    if (!m_crowds)
+        m_crowds = std::make_unique<Crowds>();
+    std::unique_ptr<Crowd>& place = (*m_crowds)[key];
     if (place)
         return *place;
     auto made = std::make_unique<Crowd>();
@@ -493,8 +522,8 @@ CellEntry* SymbolTable::mergeInto(CellEntry* entry, unsigned long long end, Scop
     }
     entry->scope->merge(scope, bits);
     if (bits & scopeMatch_TakeName)
-        if (auto crowd = m_crowds.find(entry->start); crowd != m_crowds.end() && crowd->second)
-            crowd->second->add(*entry); // under its new names too
+        if (Crowd* crowd = knownCrowd(entry->start))
+            crowd->add(*entry); // under its new names too
     if (bits & (scopeMatch_Grow | scopeMatch_Fold)) {
         entry->end = end;
         putBack(entry, knownUpTo);
@@ -636,8 +665,8 @@ SymbolTable::Position SymbolTable::removeMatching(Position cell,
     if (found != holder.end()) {
         if ((*found)->start != m_cells.keyAt(cell))
             --m_furtherListings;
-        else
-            m_crowds.erase((*found)->start); // made anew when it is needed
+        else if (m_crowds)
+            m_crowds->erase((*found)->start); // made anew when it is needed
         holder.erase(m_listStore, static_cast<std::size_t>(found - holder.begin()));
     }
     return holder.isEmpty() ? m_cells.erase(cell) : m_cells.next(cell);

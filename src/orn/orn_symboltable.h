@@ -47,6 +47,31 @@ private:
     const CellEntry* m_entry;
 };
 
+/// The scopes of a table in order of arrival, chained through themselves: most tables are nested ones of few
+/// scopes, and a module has very many of them.
+class OwnedScopes {
+public:
+    OwnedScopes() = default;
+    OwnedScopes(const OwnedScopes&) = delete;
+    OwnedScopes& operator=(const OwnedScopes&) = delete;
+
+    /// Null if there is none.
+    Scope* last() const { return m_last; }
+    void append(Scope* scope);
+    /// Takes all of them over.
+    void append(OwnedScopes& others);
+    /// `previous` is the one in front of `scope`; null for the first.
+    void remove(Scope* scope, Scope* previous);
+    /// Null if there is none.
+    Scope* takeFirst();
+
+private:
+    Scope*& linkBehind(Scope* scope);
+
+    Scope* m_first = nullptr;
+    Scope* m_last = nullptr;
+};
+
 /// The address space is cut into cells, each from one start address to the next, and a cell lists every entry
 /// that covers it. So a lookup is one search for the cell and a walk of its list.
 ///
@@ -89,6 +114,8 @@ private:
 
     class Newcomer;
     struct Crowd;
+    /// By the address where the entries start.
+    using Crowds = std::unordered_map<unsigned long long, std::unique_ptr<Crowd>>;
 
     // Adding.
     CellEntry* addEntry(unsigned long long start, unsigned long long end, Scope* scope);
@@ -97,6 +124,7 @@ private:
     template <typename Entries>
     CellEntry* settleAmong(const Entries& entries, Position cell, Newcomer& newcomer);
     Crowd& crowdAt(Position cell);
+    Crowd* knownCrowd(unsigned long long start) const;
     std::vector<CellEntry*> namesakesOf(Newcomer& newcomer, Position cell);
     void findNeighbour(Position cell, unsigned long long& nextKey, Scope*& nextScope);
     CellEntry* mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits);
@@ -139,10 +167,9 @@ private:
 
     Scope* m_scope;
     CellIndex m_cells;
-    std::vector<Scope*> m_scopes;     ///< owned; deleted directly, whatever their counts
+    OwnedScopes m_scopes;             ///< deleted directly, whatever their counts
     IFileFormatLoader* m_plainLoader; ///< borrowed: of the plain symbols
-    std::unordered_map<unsigned long long, std::unique_ptr<Crowd>>
-        m_crowds; ///< by the address where the entries start
+    std::unique_ptr<Crowds> m_crowds; ///< made with the first one
     RecordPool<CellEntry> m_entryPool;
     ListStore m_listStore;
     unsigned long long m_entryCount;

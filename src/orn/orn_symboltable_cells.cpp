@@ -12,50 +12,43 @@
 
 namespace ORN_3_30 {
 
-namespace {
-
-/// Makes room for one more element, so that inserting it cannot fail.
-template <typename T>
-void reserveOneMore(std::vector<T>& vector) {
-    if (vector.size() == vector.capacity())
-        vector.reserve(std::max<std::size_t>(1, vector.size() * 2));
-}
-
-} // namespace
-
 // --- Lists
 
 CellEntry** ListStore::allocate(unsigned lengthLog) {
-    if (lengthLog < m_free.size() && m_free[lengthLog]) {
-        FreeArray* array = m_free[lengthLog];
-        m_free[lengthLog] = array->next;
+    if (!m_state)
+        m_state = std::make_unique<State>();
+    State& state = *m_state;
+    if (lengthLog < state.free.size() && state.free[lengthLog]) {
+        FreeArray* array = state.free[lengthLog];
+        state.free[lengthLog] = array->next;
         return reinterpret_cast<CellEntry**>(array);
     }
     std::size_t length = std::size_t{1} << lengthLog;
     if (length > greatestChunk)
-        return addChunk(length);
-    if (m_left < length) {
+        return state.addChunk(length);
+    if (state.left < length) {
         // The rest of the old chunk is left unused: it is smaller than one array.
-        std::size_t size = std::max(m_nextChunk, length);
-        m_bump = addChunk(size);
-        m_left = size;
-        m_nextChunk = std::min(size * 2, greatestChunk);
+        std::size_t size = std::max(state.nextChunk, length);
+        state.bump = state.addChunk(size);
+        state.left = size;
+        state.nextChunk = std::min(size * 2, greatestChunk);
     }
-    CellEntry** array = m_bump;
-    m_bump += length;
-    m_left -= length;
+    CellEntry** array = state.bump;
+    state.bump += length;
+    state.left -= length;
     return array;
 }
 
 void ListStore::free(CellEntry** array, unsigned lengthLog) {
-    if (lengthLog >= m_free.size())
-        m_free.resize(lengthLog + 1);
-    m_free[lengthLog] = new (array) FreeArray{m_free[lengthLog]};
+    std::vector<FreeArray*>& lists = m_state->free;
+    if (lengthLog >= lists.size())
+        lists.resize(lengthLog + 1);
+    lists[lengthLog] = new (array) FreeArray{lists[lengthLog]};
 }
 
-CellEntry** ListStore::addChunk(std::size_t length) {
-    m_chunks.push_back(std::unique_ptr<CellEntry*[]>(new CellEntry*[length]));
-    return m_chunks.back().get();
+CellEntry** ListStore::State::addChunk(std::size_t length) {
+    chunks.push_back(std::unique_ptr<CellEntry*[]>(new CellEntry*[length]));
+    return chunks.back().get();
 }
 
 void CellList::reserve(ListStore& store, std::size_t count) {
@@ -132,9 +125,50 @@ void CellList::Array::closeGap(std::size_t index) {
 
 // --- The index
 
+CellIndex::Directory::~Directory() {
+    if (isInPlace())
+        return;
+    delete[] m_keys;
+    delete[] m_blocks;
+}
+
+void CellIndex::Directory::reserveOneMore() {
+    if (m_count < m_capacity)
+        return;
+    const std::uint32_t capacity = m_capacity * 2;
+    std::unique_ptr<unsigned long long[]> keys(new unsigned long long[capacity]);
+    std::unique_ptr<Block*[]> blocks(new Block*[capacity]);
+    std::copy_n(m_keys, m_count, keys.get());
+    std::copy_n(m_blocks, m_count, blocks.get());
+    if (!isInPlace()) {
+        delete[] m_keys;
+        delete[] m_blocks;
+    }
+    m_keys = keys.release();
+    m_blocks = blocks.release();
+    m_capacity = capacity;
+}
+
+/// The key of the new place is the caller's to set.
+void CellIndex::Directory::insert(std::size_t index, Block* block) {
+    moveFrom(index, index + 1);
+    m_blocks[index] = block;
+    ++m_count;
+}
+
+void CellIndex::Directory::erase(std::size_t index) {
+    moveFrom(index + 1, index);
+    --m_count;
+}
+
+void CellIndex::Directory::moveFrom(std::size_t from, std::size_t to) {
+    std::memmove(m_keys + to, m_keys + from, (m_count - from) * sizeof(*m_keys));
+    std::memmove(m_blocks + to, m_blocks + from, (m_count - from) * sizeof(*m_blocks));
+}
+
 CellIndex::~CellIndex() {
-    for (Block* block : m_blocks)
-        freeBlock(block);
+    for (std::size_t index = 0; index < m_directory.size(); ++index)
+        freeBlock(m_directory.blockAt(index));
 }
 
 CellIndex::Block* CellIndex::newBlock(std::uint32_t capacity) {
@@ -142,8 +176,9 @@ CellIndex::Block* CellIndex::newBlock(std::uint32_t capacity) {
         Block{0, capacity};
 }
 
-void CellIndex::freeBlock(Block* block) {
-    ::operator delete(block);
+void CellIndex::freeBlock(Block* block) const {
+    if (block != &m_firstBlock.header)
+        ::operator delete(block);
 }
 
 /// Moves the cells from slot `from` on to slot `to` on; counts are the caller's.
@@ -166,36 +201,36 @@ CellIndex::Position CellIndex::next(Position position) const {
 CellIndex::Position CellIndex::previous(Position position) const {
     if (position.slot > 0)
         return {position.block, position.slot - 1};
-    return {position.block - 1, m_blocks[position.block - 1]->count - 1};
+    return {position.block - 1, m_directory.blockAt(position.block - 1)->count - 1};
 }
 
 /// One place past a block's last cell is the first cell of the next block.
 CellIndex::Position CellIndex::normalised(std::size_t block, std::size_t slot) const {
-    if (slot < m_blocks[block]->count)
+    if (slot < m_directory.blockAt(block)->count)
         return {block, slot};
     return {block + 1, 0};
 }
 
 /// The block that holds `key`, or would.
 std::size_t CellIndex::blockOf(unsigned long long key) const {
-    const unsigned long long* firstKeys = m_firstKeys.data();
+    const unsigned long long* firstKeys = m_directory.keys();
     std::size_t notAbove =
-        partitionPoint(m_firstKeys.size(), [=](std::size_t index) { return firstKeys[index] <= key; });
+        partitionPoint(m_directory.size(), [=](std::size_t index) { return firstKeys[index] <= key; });
     return notAbove == 0 ? 0 : notAbove - 1;
 }
 
 /// The first cell whose key does not come before the place; `isBefore` tells for a key.
 template <typename IsBefore>
 CellIndex::Position CellIndex::search(unsigned long long key, const IsBefore& isBefore) const {
-    if (m_blocks.empty())
+    if (m_directory.isEmpty())
         return end();
     const std::size_t index = blockOf(key);
-    const Block* block = m_blocks[index];
+    const Block* block = m_directory.blockAt(index);
     const unsigned long long* keys = block->keys();
     // A search without branches waits for each key in turn. All of them are asked for at once, in front of
     // the first wait, which is for the count. Where there are several blocks, all have the full capacity.
     constexpr std::size_t keysPerCacheLine = 8;
-    if (m_blocks.size() > 1) {
+    if (m_directory.size() > 1) {
         for (std::size_t line = 0; line < fullCapacity; line += keysPerCacheLine)
             __builtin_prefetch(keys + line);
     }
@@ -217,17 +252,19 @@ CellIndex::Position CellIndex::find(unsigned long long key) const {
 }
 
 CellIndex::Position CellIndex::insert(Position before, unsigned long long key) {
-    if (m_blocks.empty())
-        insertBlock(0, firstCapacity);
+    if (m_directory.isEmpty()) {
+        m_firstBlock.header.count = 0;
+        m_directory.insert(0, &m_firstBlock.header);
+    }
     Position where = makeRoom(placeFor(before));
-    Block* block = m_blocks[where.block];
+    Block* block = m_directory.blockAt(where.block);
     auto slot = static_cast<std::uint32_t>(where.slot);
     block->moveCells(slot, slot + 1);
     block->keys()[slot] = key;
     block->lists()[slot] = CellList();
     ++block->count;
     if (slot == 0)
-        m_firstKeys[where.block] = key;
+        m_directory.keyAt(where.block) = key;
     return where;
 }
 
@@ -235,14 +272,14 @@ CellIndex::Position CellIndex::insert(Position before, unsigned long long key) {
 CellIndex::Position CellIndex::placeFor(Position before) const {
     if (before.slot > 0 || before.block == 0)
         return before;
-    const Block* previous = m_blocks[before.block - 1];
-    if (previous->isFull() && before.block < m_blocks.size())
+    const Block* previous = m_directory.blockAt(before.block - 1);
+    if (previous->isFull() && before.block < m_directory.size())
         return before;
     return {before.block - 1, previous->count};
 }
 
 CellIndex::Position CellIndex::makeRoom(Position where) {
-    Block* block = m_blocks[where.block];
+    Block* block = m_directory.blockAt(where.block);
     if (!block->isFull())
         return where;
     if (block->capacity == fullCapacity)
@@ -252,23 +289,21 @@ CellIndex::Position CellIndex::makeRoom(Position where) {
 }
 
 void CellIndex::insertBlock(std::size_t index, std::uint32_t capacity) {
-    reserveOneMore(m_firstKeys);
-    reserveOneMore(m_blocks);
-    m_blocks.insert(m_blocks.begin() + static_cast<std::ptrdiff_t>(index), newBlock(capacity));
-    m_firstKeys.insert(m_firstKeys.begin() + static_cast<std::ptrdiff_t>(index), 0);
+    m_directory.reserveOneMore();
+    m_directory.insert(index, newBlock(capacity));
 }
 
 void CellIndex::growBlock(std::size_t index) {
-    Block* old = m_blocks[index];
+    Block* old = m_directory.blockAt(index);
     Block* grown = newBlock(std::min(old->capacity * 2, fullCapacity));
     grown->takeCells(*old, 0);
-    m_blocks[index] = grown;
+    m_directory.blockAt(index) = grown;
     freeBlock(old);
 }
 
 /// Keys that come in order, up or down, leave full blocks behind them; any others halve the block.
 CellIndex::Position CellIndex::splitBlock(Position where) {
-    if (where.block + 1 == m_blocks.size() && where.slot == fullCapacity) {
+    if (where.block + 1 == m_directory.size() && where.slot == fullCapacity) {
         insertBlock(where.block + 1, fullCapacity);
         return {where.block + 1, 0};
     }
@@ -278,30 +313,28 @@ CellIndex::Position CellIndex::splitBlock(Position where) {
     }
     constexpr std::uint32_t half = fullCapacity / 2;
     insertBlock(where.block + 1, fullCapacity);
-    Block* lower = m_blocks[where.block];
-    Block* upper = m_blocks[where.block + 1];
+    Block* lower = m_directory.blockAt(where.block);
+    Block* upper = m_directory.blockAt(where.block + 1);
     upper->takeCells(*lower, half);
     lower->count = half;
-    m_firstKeys[where.block + 1] = upper->keys()[0];
+    m_directory.keyAt(where.block + 1) = upper->keys()[0];
     if (where.slot <= half)
         return where;
     return {where.block + 1, where.slot - half};
 }
 
 CellIndex::Position CellIndex::erase(Position position) {
-    Block* block = m_blocks[position.block];
+    Block* block = m_directory.blockAt(position.block);
     auto slot = static_cast<std::uint32_t>(position.slot);
     if (block->count == 1) {
-        auto offset = static_cast<std::ptrdiff_t>(position.block);
-        m_blocks.erase(m_blocks.begin() + offset);
-        m_firstKeys.erase(m_firstKeys.begin() + offset);
+        m_directory.erase(position.block);
         freeBlock(block);
         return {position.block, 0};
     }
     block->moveCells(slot + 1, slot);
     --block->count;
     if (slot == 0)
-        m_firstKeys[position.block] = block->keys()[0];
+        m_directory.keyAt(position.block) = block->keys()[0];
     return normalised(position.block, position.slot);
 }
 

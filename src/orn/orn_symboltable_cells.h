@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <vector>
 
 namespace ORN_3_30 {
@@ -44,10 +45,21 @@ struct CellEntry {
 };
 
 /// Hands out records from chunks that grow, so that a record costs its own size and no call of the allocator.
-/// Records live as long as the pool. `Record` is plain data.
+/// Records live as long as the pool, which has room for the first few in place. `Record` is plain data.
 template <typename Record>
 class RecordPool {
 public:
+    RecordPool() : m_bump(m_inPlace) {}
+    ~RecordPool() {
+        while (m_chunks) {
+            Chunk* chunk = m_chunks;
+            m_chunks = chunk->next;
+            ::operator delete(chunk);
+        }
+    }
+    RecordPool(const RecordPool&) = delete;
+    RecordPool& operator=(const RecordPool&) = delete;
+
     Record* allocate() {
         if (m_left == 0)
             addChunk();
@@ -56,22 +68,29 @@ public:
     }
 
 private:
-    // A nested table often holds two or three records, a module's a million.
-    static constexpr std::size_t firstChunk = 4;
-    static constexpr std::size_t greatestChunk = 1024;
+    /// Header of a chunk; its records follow.
+    struct Chunk {
+        Chunk* next;
+    };
+    static_assert(sizeof(Chunk) % alignof(Record) == 0);
+
+    // A nested table often holds one or two records, a module's a million.
+    static constexpr std::uint32_t recordsInPlace = 2;
+    static constexpr std::uint32_t greatestChunk = 1024;
 
     void addChunk() {
-        std::size_t size = m_nextChunk;
-        m_chunks.push_back(std::unique_ptr<Record[]>(new Record[size]));
-        m_bump = m_chunks.back().get();
-        m_left = size;
-        m_nextChunk = size * 2 < greatestChunk ? size * 2 : greatestChunk;
+        void* memory = ::operator new(sizeof(Chunk) + m_nextChunk * sizeof(Record));
+        m_chunks = new (memory) Chunk{m_chunks};
+        m_bump = reinterpret_cast<Record*>(m_chunks + 1);
+        m_left = m_nextChunk;
+        m_nextChunk = m_nextChunk * 2 < greatestChunk ? m_nextChunk * 2 : greatestChunk;
     }
 
-    std::vector<std::unique_ptr<Record[]>> m_chunks;
-    Record* m_bump = nullptr;
-    std::size_t m_left = 0;
-    std::size_t m_nextChunk = firstChunk;
+    Chunk* m_chunks = nullptr;
+    Record* m_bump;
+    std::uint32_t m_left = recordsInPlace;
+    std::uint32_t m_nextChunk = recordsInPlace * 2;
+    Record m_inPlace[recordsInPlace];
 };
 
 /// Memory for the lists of cells with more than one entry: arrays whose lengths are powers of two, reused by
@@ -79,6 +98,7 @@ private:
 class ListStore {
 public:
     CellEntry** allocate(unsigned lengthLog);
+    /// Takes back an array that allocate() gave.
     void free(CellEntry** array, unsigned lengthLog);
 
 private:
@@ -89,13 +109,18 @@ private:
     static constexpr std::size_t firstChunk = 16; ///< lengths in pointers
     static constexpr std::size_t greatestChunk = 8192;
 
-    CellEntry** addChunk(std::size_t length);
+    struct State {
+        CellEntry** addChunk(std::size_t length);
 
-    std::vector<FreeArray*> m_free; ///< by logarithm of the length
-    std::vector<std::unique_ptr<CellEntry*[]>> m_chunks;
-    CellEntry** m_bump = nullptr;
-    std::size_t m_left = 0;
-    std::size_t m_nextChunk = firstChunk;
+        std::vector<FreeArray*> free; ///< by logarithm of the length
+        std::vector<std::unique_ptr<CellEntry*[]>> chunks;
+        CellEntry** bump = nullptr;
+        std::size_t left = 0;
+        std::size_t nextChunk = firstChunk;
+    };
+
+    std::unique_ptr<State>
+        m_state; ///< made at the first list that is longer than one: few nested tables have one
 };
 
 /// What covers a cell, in the order that the table gives it. A single entry, by far the most common case, is
@@ -154,9 +179,9 @@ private:
 /// key of the next cell, with the list of what covers it; a cell with an empty list marks the end of a
 /// section.
 ///
-/// Stored as blocks of sorted cells, and a vector of the blocks' first keys. A tree with a node per key takes
-/// three times the room, and a search in it misses the cache at every level. Insertion and erasure invalidate
-/// every position.
+/// Stored as blocks of sorted cells, and a directory of the blocks with their first keys. A tree with a node
+/// per key takes three times the room, and a search in it misses the cache at every level. Insertion and
+/// erasure invalidate every position.
 class CellIndex {
 public:
     struct Position {
@@ -172,7 +197,7 @@ public:
     CellIndex& operator=(const CellIndex&) = delete;
 
     Position begin() const { return {0, 0}; }
-    Position end() const { return {m_blocks.size(), 0}; }
+    Position end() const { return {m_directory.size(), 0}; }
     Position next(Position position) const;
     /// Not for begin().
     Position previous(Position position) const;
@@ -184,11 +209,13 @@ public:
     Position find(unsigned long long key) const;
 
     unsigned long long keyAt(Position position) const {
-        return m_blocks[position.block]->keys()[position.slot];
+        return m_directory.blockAt(position.block)->keys()[position.slot];
     }
-    CellList& listAt(Position position) { return m_blocks[position.block]->lists()[position.slot]; }
+    CellList& listAt(Position position) {
+        return m_directory.blockAt(position.block)->lists()[position.slot];
+    }
     const CellList& listAt(Position position) const {
-        return m_blocks[position.block]->lists()[position.slot];
+        return m_directory.blockAt(position.block)->lists()[position.slot];
     }
 
     /// Inserts an empty cell in front of `before`, which is the lower bound of the key.
@@ -215,11 +242,18 @@ private:
     static_assert(sizeof(Block) % alignof(unsigned long long) == 0 &&
                   alignof(CellList) == alignof(unsigned long long));
 
-    static constexpr std::uint32_t firstCapacity = 4; ///< nested tables have few cells
+    static constexpr std::uint32_t firstCapacity = 2; ///< nested tables have few cells
     static constexpr std::uint32_t fullCapacity = 128;
 
+    /// The first block of an index: most nested tables need no other.
+    struct FirstBlock {
+        Block header{0, firstCapacity};
+        unsigned long long keys[firstCapacity];
+        CellList lists[firstCapacity];
+    };
+
     static Block* newBlock(std::uint32_t capacity);
-    static void freeBlock(Block* block);
+    void freeBlock(Block* block) const;
     std::size_t blockOf(unsigned long long key) const;
     template <typename IsBefore>
     Position search(unsigned long long key, const IsBefore& isBefore) const;
@@ -230,8 +264,40 @@ private:
     void growBlock(std::size_t index);
     Position splitBlock(Position where);
 
-    std::vector<unsigned long long> m_firstKeys; ///< of the blocks, in order
-    std::vector<Block*> m_blocks;                ///< none is empty
+    /// The blocks in order, none of them empty, and the first key of each in an array of its own, where a
+    /// search begins. Room for one block is in place: tables of inlined code seldom have a second one.
+    class Directory {
+    public:
+        Directory() : m_keys(&m_onlyKey), m_blocks(&m_onlyBlock) {}
+        ~Directory();
+        Directory(const Directory&) = delete;
+        Directory& operator=(const Directory&) = delete;
+
+        std::size_t size() const { return m_count; }
+        bool isEmpty() const { return m_count == 0; }
+        const unsigned long long* keys() const { return m_keys; }
+        unsigned long long& keyAt(std::size_t index) { return m_keys[index]; }
+        Block*& blockAt(std::size_t index) { return m_blocks[index]; }
+        Block* blockAt(std::size_t index) const { return m_blocks[index]; }
+        /// Makes room for one more, so that inserting it cannot fail.
+        void reserveOneMore();
+        void insert(std::size_t index, Block* block);
+        void erase(std::size_t index);
+
+    private:
+        bool isInPlace() const { return m_keys == &m_onlyKey; }
+        void moveFrom(std::size_t from, std::size_t to);
+
+        unsigned long long* m_keys;
+        Block** m_blocks;
+        std::uint32_t m_count = 0;
+        std::uint32_t m_capacity = 1;
+        unsigned long long m_onlyKey = 0;
+        Block* m_onlyBlock = nullptr;
+    };
+
+    Directory m_directory;
+    FirstBlock m_firstBlock; ///< in use while it is in the directory
 };
 
 } // namespace ORN_3_30
