@@ -220,8 +220,7 @@ TEST_F(CfiTest, ARuleMayBeSetAsAWholeOrInHalves) {
 
 TEST_F(CfiTest, FactoredOffsetsAreMultipliedByTheDataAlignment) {
     ASSERT_TRUE(parseFunction([](CfiAssembler& program) {
-        program.advance(1).raw({DW_CFA_def_cfa_sf, 3, 0x7e}).advance(1).raw(
-            {DW_CFA_def_cfa_offset_sf, 0x7d});
+        program.advance(1).raw({DW_CFA_def_cfa_sf, 3, 0x7e}).advance(1).raw({DW_CFA_def_cfa_offset_sf, 0x7d});
     }));
     EXPECT_THAT(rowsOf(fde()), ElementsAre("4096 r7+8", "4097 r3+16", "4098 r3+24"));
 }
@@ -289,7 +288,8 @@ TEST_F(CfiTest, RowsAreSearchedInTheirStoredOrder) {
     ASSERT_TRUE(parseFunction([](CfiAssembler& program) {
         program.rememberState().advance(0x20).defCfaOffset(32).restoreState().advance(0x30).defCfaOffset(48);
     }));
-    // 0x1000 +8, 0x1020 +32, 0x1000 +8, 0x1030 +48: behind 0x1020 the first row that is not below is the last.
+    // 0x1000 +8, 0x1020 +32, 0x1000 +8, 0x1030 +48: behind 0x1020 the first row that is not below is the
+    // last.
     EXPECT_EQ(ruleAt(0x1010), (Rule{rsp, 8}));
     EXPECT_EQ(ruleAt(0x1028), (Rule{rsp, 8}));
     EXPECT_EQ(ruleAt(0x1020), (Rule{rsp, 8}));
@@ -321,10 +321,16 @@ TEST_F(CfiTest, NothingBehindANopIsRead) {
 }
 
 TEST_F(CfiTest, AnOperandPastTheEndEndsTheProgram) {
-    for (const auto& program : std::vector<std::vector<std::uint8_t>>{
-             {DW_CFA_def_cfa_offset}, {DW_CFA_def_cfa, 3}, {DW_CFA_advance_loc1}, {DW_CFA_set_loc},
-             {DW_CFA_offset | 7}, {DW_CFA_offset_extended, 3}, {DW_CFA_expression, 3},
-             {DW_CFA_def_cfa_expression, 9}, {DW_CFA_restore_extended}, {DW_CFA_def_cfa_offset_sf}}) {
+    for (const auto& program : std::vector<std::vector<std::uint8_t>>{{DW_CFA_def_cfa_offset},
+                                                                      {DW_CFA_def_cfa, 3},
+                                                                      {DW_CFA_advance_loc1},
+                                                                      {DW_CFA_set_loc},
+                                                                      {DW_CFA_offset | 7},
+                                                                      {DW_CFA_offset_extended, 3},
+                                                                      {DW_CFA_expression, 3},
+                                                                      {DW_CFA_def_cfa_expression, 9},
+                                                                      {DW_CFA_restore_extended},
+                                                                      {DW_CFA_def_cfa_offset_sf}}) {
         cfi = CfiAssembler(0x2000);
         cfi.beginFde(plainCie(), 0x1000, 0x100);
         std::vector<std::uint8_t> padded(23 - program.size(), DW_CFA_advance_loc | 1);
@@ -636,8 +642,7 @@ TEST_F(CfiTest, RegistersAreThoseOfTheAddressSize) {
             const bool isStack = reg == (size == 4 ? 4 : 7);
             const bool isFrame = reg == (size == 4 ? 5 : 6);
             EXPECT_EQ(information().computeCfa(frame, 0x1000, out), isStack || isFrame) << size << reg;
-            if (isStack || isFrame)
-                EXPECT_EQ(out, isStack ? 0x7008u : 0x8008u);
+            EXPECT_EQ(out, isStack ? 0x7008u : isFrame ? 0x8008u : 0u);
         }
     }
 }

@@ -48,5 +48,17 @@ TEST_F(StackFrameContextTest, OtherIndicesAreIgnored) {
     EXPECT_EQ(frame->getRegister(1), 0u);
 }
 
+TEST_F(StackFrameContextTest, WithoutMemoryThereIsNone) {
+    if (!canFailAllocations())
+        GTEST_SKIP() << "the sanitizer keeps the allocator";
+    expectLog("Out of memory");
+    IStackFrameContext* frame = nullptr;
+    {
+        const FailingAllocation failing(1);
+        frame = IStackFrameContext::create();
+    }
+    EXPECT_EQ(frame, nullptr);
+}
+
 } // namespace
 } // namespace ORN_3_30::test

@@ -23,9 +23,7 @@ protected:
     /// What readelf makes of the section, without a word of complaint.
     static std::string dumped(const CfiAssembler& cfi, const char* how, ElfClass elfClass = ElfClass::k64) {
         ElfAssembler elf(elfClass);
-        elf.section(".eh_frame", SHT_PROGBITS, SHF_ALLOC)
-            .address(cfi.sectionAddress())
-            .append(cfi.bytes());
+        elf.section(".eh_frame", SHT_PROGBITS, SHF_ALLOC).address(cfi.sectionAddress()).append(cfi.bytes());
         TempDir directory;
         elf.write(directory.path("module"));
         const ProcessResult result = runProcess({"readelf", how, directory.path("module")});

@@ -1,6 +1,6 @@
-// Reads `.eh_frame`: asked by the query for stack variables (orn_dildwarf_stackquery.cpp) where a function says
-// that its variables lie relative to the frame's address. Nothing here walks a stack, so only the rule of that
-// address is kept; rules of saved registers are parsed past. `.debug_frame` is not read.
+// Reads `.eh_frame`: asked by the query for stack variables (orn_dildwarf_stackquery.cpp) where a function
+// says that its variables lie relative to the frame's address. Nothing here walks a stack, so only the rule
+// of that address is kept; rules of saved registers are parsed past. `.debug_frame` is not read.
 //
 // One entry that is not understood costs the whole section. What is understood is what compilers write for
 // plain functions, the augmentation "zR"; with a personality routine ("zPLR") the section is refused.
@@ -45,8 +45,8 @@ bool signExtended(status_t status, unsigned long long& value) {
     return true;
 }
 
-/// Runs the instructions of one entry over its rows. An operand that begins past the end of the entry ends the
-/// program, and what was made so far counts.
+/// Runs the instructions of one entry over its rows. An operand that begins past the end of the entry ends
+/// the program, and what was made so far counts.
 class CfaProgram {
 public:
     CfaProgram(SectionWalker& walker, const CfaFactors& factors, std::vector<CfaRow>& rows)
@@ -320,8 +320,8 @@ bool CIE::readFactors(SectionWalker& walker) {
 }
 
 /// Quirk: the length in front of the data is not read by itself. In "zR" the `R` takes it, and checks that it
-/// is 1; a `P` in front takes it for an encoding, which refuses the usual "zPLR" with its length of 7. What is
-/// read is what plain functions have.
+/// is 1; a `P` in front takes it for an encoding, which refuses the usual "zPLR" with its length of 7. What
+/// is read is what plain functions have.
 bool CIE::readAugmentationData(SectionWalker& walker) {
     if (m_augmentation.empty())
         return true;

@@ -1,7 +1,7 @@
 // Location expressions and `.debug_loc`, as far as variables on the stack of x86 processors need them: one
-// operation relative to the stack pointer, the frame pointer or the frame's base. Called by the query for stack
-// variables. Computed locations, pieces and registers that hold a value are left out: nothing of them lies at
-// an address of the stack.
+// operation relative to the stack pointer, the frame pointer or the frame's base. Called by the query for
+// stack variables. Computed locations, pieces and registers that hold a value are left out: nothing of them
+// lies at an address of the stack.
 
 #include "orn_dildwarf_location.h"
 
@@ -13,9 +13,9 @@ namespace ORN_3_30 {
 
 namespace {
 
-/// How often each pair of the section may be read in one query, on average, beside a number that small sections
-/// may have at any rate. Each list belongs to one variable; where damaged entries share a long list, the time
-/// would grow with the product of both.
+/// How often each pair of the section may be read in one query, on average, beside a number that small
+/// sections may have at any rate. Each list belongs to one variable; where damaged entries share a long list,
+/// the time would grow with the product of both.
 constexpr unsigned long long readingsOfPair = 16;
 constexpr unsigned long long readingsAtAnyRate = 0x10000;
 /// Two addresses of 4 bytes and the length of an expression.
@@ -31,9 +31,9 @@ bool isAddressSize(unsigned size) {
 
 } // namespace
 
-// Quirk: the numbers of the registers are those of both word sizes at once: 4 and 5 are the stack and the frame
-// pointer of 32-bit code, 7 and 6 those of 64-bit code, and nobody asks which is in force. The forms that mean
-// a register itself give its value, as if the variable lay where it points.
+// Quirk: the numbers of the registers are those of both word sizes at once: 4 and 5 are the stack and the
+// frame pointer of 32-bit code, 7 and 6 those of 64-bit code, and nobody asks which is in force. The forms
+// that mean a register itself give its value, as if the variable lay where it points.
 unsigned long long readLocation(SectionWalker walker, IStackFrameContext* context,
                                 unsigned long long frameBase, unsigned addressSize) {
     const auto stackPointer = [context] {

@@ -27,8 +27,8 @@ public:
     /// `section` may be null.
     explicit LocationLists(ISectionData* section);
 
-    /// The expression of the list at `locOffsetAttr` that holds at `codeAddress`, an address of the symbol file
-    /// without any bias. False if there is none.
+    /// The expression of the list at `locOffsetAttr` that holds at `codeAddress`, an address of the symbol
+    /// file without any bias. False if there is none.
     bool findLocationListEntry(const DWARFCompilationUnit& unit, const AttrBinding* locOffsetAttr,
                                unsigned addressSize, unsigned long long codeAddress,
                                SectionWalker& outWalker);

@@ -1,7 +1,8 @@
-// The query for stack variables: from a function's symbol, a place in its code, an address on the stack and two
-// registers to the variable that lies there. A bank calls it for each memory access that a client asks about,
-// so answers are kept by frame and address. Step by step: the function's entry, the frame's base, the search
-// (orn_dildwarf_stackvar.cpp). Frames that a debugger would have to unwind to are the client's business.
+// The query for stack variables: from a function's symbol, a place in its code, an address on the stack and
+// two registers to the variable that lies there. A bank calls it for each memory access that a client asks
+// about, so answers are kept by frame and address. Step by step: the function's entry, the frame's base, the
+// search (orn_dildwarf_stackvar.cpp). Frames that a debugger would have to unwind to are the client's
+// business.
 
 #include "orn/address.h"
 #include "orn_dildwarf.h"
@@ -99,8 +100,8 @@ private:
         return status_Fail;
     }
 
-    /// Quirk: an expression of this form that is not the frame's address itself leaves the base at 0, and still
-    /// wants the call frame information.
+    /// Quirk: an expression of this form that is not the frame's address itself leaves the base at 0, and
+    /// still wants the call frame information.
     status_t computeFrameBaseFromRule(SectionWalker expression) {
         if (!m_loader.ensureFrameInformation())
             return status_False;
@@ -133,10 +134,9 @@ status_t DWARFDebugInfoLoader::findStackVariable(ISymbol* function, IAddress* co
                                                  SymMgrObjectPtr<ISymbol>& out, bool* memberFlag) {
     try {
         ScopedLock querying(&m_queryLock);
-        const auto frame =
-            context ? std::pair(context->getRegister(StackFrameContext::register_StackPointer),
-                                context->getRegister(StackFrameContext::register_FramePointer))
-                    : std::pair(0ULL, 0ULL);
+        const auto frame = context ? std::pair(context->getRegister(StackFrameContext::register_StackPointer),
+                                               context->getRegister(StackFrameContext::register_FramePointer))
+                                   : std::pair(0ULL, 0ULL);
         const auto give = [&](const StackAnswer& answer) {
             out = answer.symbol;
             if (memberFlag)

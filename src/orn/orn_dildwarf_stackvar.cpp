@@ -1,8 +1,9 @@
-// The search of the query for stack variables (orn_dildwarf_stackquery.cpp): which variable of a function covers
-// an address, and if it is a structure, which member, level by level. What a frame is worked out from is the
-// query's; here it is given.
+// The search of the query for stack variables (orn_dildwarf_stackquery.cpp): which variable of a function
+// covers an address, and if it is a structure, which member, level by level. What a frame is worked out from
+// is the query's; here it is given.
 //
-// Left out on purpose: formal parameters, elements of arrays, base classes, members of structures inside arrays.
+// Left out on purpose: formal parameters, elements of arrays, base classes, members of structures inside
+// arrays.
 
 #include "orn_dildwarf_stackvar.h"
 
@@ -60,8 +61,8 @@ public:
 
     /// Appends the members that lead to the offset to `name`; false if there are none.
     ///
-    /// Quirk: a member that is a pointer is searched like the structure that it points to. Where that leads to
-    /// a structure that was searched already, the search ends.
+    /// Quirk: a member that is a pointer is searched like the structure that it points to. Where that leads
+    /// to a structure that was searched already, the search ends.
     bool run(DWARFCompilationUnit& unit, unsigned long long structOffset, std::string& name) {
         bool isFound = false;
         unsigned long long base = 0;
@@ -88,7 +89,8 @@ public:
 private:
     DWARFDebugInfoLoader& m_loader;
     unsigned long long m_soughtOffset;
-    /// Structures hold different entries, so that all of them together hold no more than the section has bytes.
+    /// Structures hold different entries, so that all of them together hold no more than the section has
+    /// bytes.
     unsigned long long m_budget;
     std::set<unsigned long long> m_searched;
 };

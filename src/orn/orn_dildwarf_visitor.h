@@ -25,8 +25,8 @@ private:
     std::uint32_t m_depth = 0;
 };
 
-/// Visits the entry at the walker, its siblings behind it, and all that is below them. False where the visitor
-/// ended the walk.
+/// Visits the entry at the walker, its siblings behind it, and all that is below them. False where the
+/// visitor ended the walk.
 bool visitDIEs(SectionWalker& walker, DWARFCompilationUnit& unit, DIEVisitor& visitor);
 
 } // namespace ORN_3_30

@@ -63,7 +63,9 @@ public:
     CfiAssembler& raw(const std::vector<uint8_t>& instructions);
 
     CfiAssembler& advance(uint8_t delta) { return op(static_cast<uint8_t>(0x40 | delta)); }
-    CfiAssembler& offset(uint8_t reg, uint64_t factored) { return op(static_cast<uint8_t>(0x80 | reg), {factored}); }
+    CfiAssembler& offset(uint8_t reg, uint64_t factored) {
+        return op(static_cast<uint8_t>(0x80 | reg), {factored});
+    }
     CfiAssembler& restore(uint8_t reg) { return op(static_cast<uint8_t>(0xc0 | reg)); }
     CfiAssembler& rememberState() { return op(0x0a); }
     CfiAssembler& restoreState() { return op(0x0b); }

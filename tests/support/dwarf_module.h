@@ -169,9 +169,8 @@ public:
     DWARFDebugInfoLoader& loader() {
         prepare();
         if (!m_loader)
-            m_loader = new DWARFDebugInfoLoader(format, "/module.debug",
-                                                loaderHelper ? loaderHelper.get() : m_helper.get(), bias,
-                                                nullptr);
+            m_loader = new DWARFDebugInfoLoader(
+                format, "/module.debug", loaderHelper ? loaderHelper.get() : m_helper.get(), bias, nullptr);
         return *m_loader;
     }
     GlobalScope& scope() {
