@@ -28,9 +28,14 @@ protected:
                const orn_test::DwarfUnitOptions& options = {}) {
         stack.module.unit({}, options);
         stack.types();
-        stack.openFunction(base);
-        const unsigned form = options.version < 4 ? DW_FORM_block1 : DW_FORM_exprloc;
-        stack.variable("x", "int", S::location(S::operation(DW_OP_fbreg, offset), form));
+        const bool isOld = options.version < 4;
+        if (isOld)
+            stack.openOldFunction(base);
+        else
+            stack.openFunction(base);
+        stack.variable(
+            "x", "int",
+            S::location(S::operation(DW_OP_fbreg, offset), isOld ? DW_FORM_block1 : DW_FORM_exprloc));
         stack.module.close().endUnit();
     }
     /// A function whose int lies where the expression says.
@@ -424,11 +429,7 @@ TEST_F(StackQueryTest, InABlockTheFrameAddressIsThatOfAPushedFramePointer) {
         options.addressSize = size;
         old.module.unit({}, options);
         old.module.leaf(DW_TAG_base_type, M::named("int") + S::size(4), "int");
-        old.module.open(
-            DW_TAG_subprogram,
-            M::named("f") +
-                DwarfAttrs{{DW_AT_low_pc, DW_FORM_addr, 0x1000}, {DW_AT_high_pc, DW_FORM_addr, 0x1100}} +
-                S::frameBase(S::operation(DW_OP_call_frame_cfa), DW_FORM_block1));
+        old.openOldFunction(S::frameBase(S::operation(DW_OP_call_frame_cfa), DW_FORM_block1));
         old.variable("x", "int", S::location(S::operation(DW_OP_fbreg, -20), DW_FORM_block1));
         old.module.close().endUnit();
         EXPECT_EQ(old.nameAt(pc, 0x8000 + 2 * size - 20), "x") << unsigned(size);

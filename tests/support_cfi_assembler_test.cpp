@@ -10,6 +10,7 @@ namespace orn_test {
 namespace {
 
 using ::testing::ContainsRegex;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
@@ -32,24 +33,19 @@ protected:
     }
 };
 
-TEST_F(CfiAssemblerTest, ReadelfAgreesOnEntriesOfBothLengths) {
-    for (const bool is64Bit : {false, true}) {
-        CfiAssembler cfi;
-        CieOptions common;
-        FdeOptions function;
-        common.is64Bit = function.is64Bit = is64Bit;
-        const size_t cie = cfi.beginCie(common);
-        cfi.defCfa(7, 8).offset(16, 1).end();
-        cfi.beginFde(cie, 0x1000, 0x20, function);
-        cfi.advance(1).defCfaOffset(16).advance(3).defCfaRegister(6).end();
-        cfi.terminator();
-        const std::string dump = dumped(cfi, "--debug-dump=frames-interp");
-        EXPECT_THAT(dump, HasSubstr("CIE \"zR\" cf=1 df=-8 ra=16"));
-        EXPECT_THAT(dump, HasSubstr("pc=0000000000001000..0000000000001020"));
-        EXPECT_THAT(dump, HasSubstr("0000000000001001 rsp+16"));
-        EXPECT_THAT(dump, HasSubstr("0000000000001004 rbp+16"));
-        EXPECT_THAT(dump, HasSubstr("ZERO terminator"));
-    }
+TEST_F(CfiAssemblerTest, ReadelfAgreesOnEntriesAndTheirRows) {
+    CfiAssembler cfi;
+    const size_t cie = cfi.beginCie();
+    cfi.defCfa(7, 8).offset(16, 1).end();
+    cfi.beginFde(cie, 0x1000, 0x20);
+    cfi.advance(1).defCfaOffset(16).advance(3).defCfaRegister(6).end();
+    cfi.terminator();
+    const std::string dump = dumped(cfi, "--debug-dump=frames-interp");
+    EXPECT_THAT(dump, HasSubstr("CIE \"zR\" cf=1 df=-8 ra=16"));
+    EXPECT_THAT(dump, HasSubstr("pc=0000000000001000..0000000000001020"));
+    EXPECT_THAT(dump, HasSubstr("0000000000001001 rsp+16"));
+    EXPECT_THAT(dump, HasSubstr("0000000000001004 rbp+16"));
+    EXPECT_THAT(dump, HasSubstr("ZERO terminator"));
 }
 
 TEST_F(CfiAssemblerTest, ReadelfAgreesOnInstructions) {
@@ -97,6 +93,22 @@ TEST_F(CfiAssemblerTest, ReadelfAgreesOnPlainPointersOf32Bits) {
     EXPECT_THAT(dump, HasSubstr("CIE \"\" cf=1 df=-4 ra=8"));
     EXPECT_THAT(dump, HasSubstr("pc=00001000..00001020"));
     EXPECT_THAT(dump, HasSubstr("esp+4"));
+}
+
+// readelf takes 8 bytes for an id behind a length of 8, where this kind of section has 4.
+TEST(CfiAssembler, ALongLengthHasTwelveBytesAndLeavesTheIdAsItIs) {
+    CfiAssembler cfi;
+    CieOptions common;
+    FdeOptions function;
+    common.is64Bit = function.is64Bit = true;
+    const size_t cie = cfi.beginCie(common);
+    cfi.end();
+    const size_t fde = cfi.beginFde(cie, 0x1000, 0x20, function);
+    cfi.end();
+    const std::vector<uint8_t> bytes = cfi.bytes().bytes();
+    EXPECT_THAT(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 12),
+                ElementsAre(0xff, 0xff, 0xff, 0xff, fde - 12, 0, 0, 0, 0, 0, 0, 0));
+    EXPECT_EQ(bytes.at(fde + 12), fde + 12 - cie);
 }
 
 TEST(CfiAssembler, ALengthOrAnIdMayBeALie) {

@@ -4,6 +4,7 @@
 #include "cfi_assembler.h"
 #include "dwarf_module.h"
 #include "memory_image.h"
+#include "orn_address.h"
 #include "orn_fflelf.h"
 #include "orn_stackframecontext.h"
 
@@ -85,6 +86,13 @@ public:
     void openFunction(const DwarfAttrs& attrs = frameAddressExpression()) {
         module.open(DW_TAG_subprogram, DwarfModule::function("f", 0x1000, 0x100) + attrs);
     }
+    /// The same as versions before 4 have it: both addresses are addresses.
+    void openOldFunction(const DwarfAttrs& attrs) {
+        module.open(DW_TAG_subprogram, DwarfModule::named("f") +
+                                           DwarfAttrs{{DW_AT_low_pc, DW_FORM_addr, 0x1000},
+                                                      {DW_AT_high_pc, DW_FORM_addr, 0x1100}} +
+                                           attrs);
+    }
     void variable(const char* name, const char* type, const DwarfAttrs& attrs) {
         module.leaf(DW_TAG_variable, DwarfModule::named(name) + DwarfModule::type(type) + attrs);
     }
@@ -111,8 +119,7 @@ public:
     }
     status_t askOf(ISymbol* function, unsigned long long pc, unsigned long long dataAddress) {
         prepare();
-        SymMgrObjectPtr<IAddress> address;
-        EXPECT_EQ(module.format->getAddress(address, pc), status_Ok);
+        const SymMgrObjectPtr<IAddress> address = new Address(module.format.get(), pc, nullptr);
         found = nullptr;
         isMember = false;
         return module.loader().findStackVariable(function, address, dataAddress, context.get(), found,
