@@ -193,5 +193,63 @@ TEST_F(DamagedStackTest, StructuresThatNestDeeplyTakeNoStack) {
     EXPECT_LT(secondsOf(build), 5.0);
 }
 
+/// A unit of a function, whose variable is a structure, and of structures that share one long list of
+/// members: a block in each reaches to the list. The search goes through all of the list in each structure,
+/// and each time it ends at another member, whose type is a structure that was not searched yet.
+Bytes structuresThatShareMembers(Bytes& abbreviations, unsigned count) {
+    enum : unsigned { unitCode = 1, functionCode, variableCode, structureCode, passedCode, memberCode };
+    orn_test::DwarfAssembler dwarf;
+    dwarf.abbreviation(unitCode, DW_TAG_compile_unit, true, {});
+    dwarf.abbreviation(
+        functionCode, DW_TAG_subprogram, true,
+        {{DW_AT_low_pc, DW_FORM_addr}, {DW_AT_high_pc, DW_FORM_data4}, {DW_AT_name, DW_FORM_string}});
+    dwarf.abbreviation(variableCode, DW_TAG_variable, false,
+                       {{DW_AT_location, DW_FORM_exprloc}, {DW_AT_type, DW_FORM_ref4}});
+    dwarf.abbreviation(structureCode, DW_TAG_structure_type, true,
+                       {{DW_AT_byte_size, DW_FORM_data4}, {DW_AT_const_value, DW_FORM_block4}});
+    dwarf.abbreviation(passedCode, DW_TAG_member, false, {});
+    dwarf.abbreviation(memberCode, DW_TAG_member, false,
+                       {{DW_AT_data_member_location, DW_FORM_data1}, {DW_AT_type, DW_FORM_ref4}});
+    dwarf.endAbbreviations();
+    abbreviations = dwarf.abbrev().bytes();
+
+    dwarf.beginUnit().entry(unitCode);
+    dwarf.entry(functionCode, {0x1000, 0x100, "f"});
+    dwarf.entry(variableCode, {Bytes{DW_OP_plus_uconst, 0x80, 0x20}, orn_test::DwarfValue::ref("s")});
+    dwarf.null();
+    orn_test::ByteAssembler& info = dwarf.info();
+    const auto structure = [&](const std::string& label, unsigned size) {
+        info.define(label).uleb(structureCode).u32(size);
+        const std::string behind = label + " block";
+        info.difference("members", behind, 4).define(behind);
+    };
+    structure("s", 2 * count);
+    for (unsigned i = 0; i < count; ++i)
+        structure("s" + std::to_string(i), i);
+    info.define("members");
+    for (unsigned i = 0; i < count; ++i)
+        info.uleb(passedCode);
+    for (unsigned i = 0; i < count; ++i)
+        dwarf.entry(memberCode, {1, orn_test::DwarfValue::ref("s" + std::to_string(i))});
+    dwarf.null().null().endUnit();
+    return info.bytes();
+}
+
+TEST_F(DamagedStackTest, StructuresThatShareALongListOfMembersAreSearchedInTime) {
+    constexpr unsigned count = 8000;
+    StackModule stack;
+    Bytes abbreviations;
+    const Bytes entries = structuresThatShareMembers(abbreviations, count);
+    stack.module.replace(section_debug_info, entries);
+    stack.module.replace(section_debug_abbrev, abbreviations);
+    stack.loader();
+    stack.functionAt = 0x1000;
+    ASSERT_NE(stack.module.symbolAt(0x1000), nullptr);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(stack.ask(0x1010, 0x1000 + count - 2), status_Ok);
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(), 5.0);
+    EXPECT_TRUE(stack.isMember);
+}
+
 } // namespace
 } // namespace ORN_3_30::test

@@ -2,6 +2,7 @@
 
 #include "orn/source.h"
 #include "orn_dildwarf_location.h"
+#include "orn_dildwarf_visitor.h"
 #include "support/allocation.h"
 #include "support/orn_fixture.h"
 #include "support/stack_module.h"
@@ -523,10 +524,18 @@ TEST_F(StackQueryTest, LocationsReadOneOperation) {
 }
 
 TEST_F(StackQueryTest, WithoutAFrameBothRegistersAreZero) {
-    intBy(S::operation(DW_OP_breg6, 0x300));
-    stack.module.helper();
-    const Bytes expression = S::operation(DW_OP_breg7, 0x300);
-    EXPECT_EQ(readLocation(SectionWalker(expression.data(), expression.size()), nullptr, 0, 8), 0x300u);
+    stack.module.unit();
+    stack.types();
+    stack.openFunction({});
+    stack.variable("s", "int", S::location(S::operation(DW_OP_breg7, 0x300)));
+    stack.variable("f", "int", S::location(S::operation(DW_OP_breg6, 0x400)));
+    stack.module.close().endUnit();
+    stack.context = nullptr;
+    EXPECT_EQ(stack.nameAt(pc, 0x300), "s");
+    EXPECT_EQ(stack.nameAt(pc, 0x400), "f");
+    // And a frame whose registers are 0 is the same frame.
+    stack.context = new StackFrameContext;
+    EXPECT_EQ(stack.askOf(nullptr, pc, 0x300), status_Ok);
 }
 
 TEST_F(StackQueryTest, AVariableMayLieRelativeToARegister) {
@@ -741,6 +750,45 @@ TEST_F(StackQueryTest, ANameOfAnotherLanguageKeepsItsEnd) {
     stack.variable("x_", "char", S::atFrameBase(-1));
     stack.module.close().endUnit();
     EXPECT_EQ(stack.nameAt(pc, cfa - 1), "x_");
+}
+
+// --- The walk
+
+/// Notes what it sees, and ends the walk at a tag.
+class RecordingVisitor : public DIEVisitor {
+public:
+    explicit RecordingVisitor(unsigned long long last) : m_last(last) {}
+    bool visit(SectionWalker&, DWARFCompilationUnit&, AttrBindings& attrBindings) override {
+        seen.emplace_back(depth(), attrBindings.tag());
+        return attrBindings.tag() != m_last;
+    }
+
+    std::vector<std::pair<unsigned, unsigned long long>> seen;
+
+private:
+    unsigned long long m_last;
+};
+
+TEST_F(StackQueryTest, AWalkSeesEveryEntryWithItsDepth) {
+    DwarfModule& module = stack.module;
+    module.unit().open(DW_TAG_lexical_block).leaf(DW_TAG_label).open(DW_TAG_module).leaf(DW_TAG_variable);
+    module.close().close().leaf(DW_TAG_typedef).endUnit();
+    stack.loader();
+    module.symbols();
+    DWARFCompilationUnit& unit = *stack.loader().units().begin()->second;
+    const auto walk = [&unit](RecordingVisitor& visitor) {
+        SectionWalker walker = unit.walkerAt(unit.firstEntryOffset());
+        return visitDIEs(walker, unit, visitor);
+    };
+    using Seen = std::pair<unsigned, unsigned long long>;
+    RecordingVisitor all(0);
+    EXPECT_TRUE(walk(all));
+    EXPECT_THAT(all.seen, ::testing::ElementsAre(Seen(0, DW_TAG_compile_unit), Seen(1, DW_TAG_lexical_block),
+                                                 Seen(2, DW_TAG_label), Seen(2, DW_TAG_module),
+                                                 Seen(3, DW_TAG_variable), Seen(1, DW_TAG_typedef)));
+    RecordingVisitor some(DW_TAG_module);
+    EXPECT_FALSE(walk(some));
+    EXPECT_EQ(some.seen.size(), 4u);
 }
 
 // --- What was asked before
