@@ -8,6 +8,7 @@
 
 namespace orn_fuzz {
 
+void cfi(const std::uint8_t* data, std::size_t size);
 void elf(const std::uint8_t* data, std::size_t size);
 void pe(const std::uint8_t* data, std::size_t size);
 void filename(const std::uint8_t* data, std::size_t size);
@@ -29,6 +30,7 @@ struct Target {
 };
 
 inline constexpr Target targets[] = {
+    {"cfi", cfi},
     {"elf", elf},
     {"pe", pe},
     {"filename", filename},

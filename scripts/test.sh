@@ -45,6 +45,10 @@ readonly fullNeeds=(
     gcc-mingw-w64-i686-posix=i686-w64-mingw32-gcc
     lld=lld-link
     dexdump=dexdump
+    gdb=gdb
+    gfortran=gfortran
+    g++-multilib
+    gfortran-multilib
 )
 
 # Libraries of other machines and systems, as data for the tests; tests that want one say so and skip without it.

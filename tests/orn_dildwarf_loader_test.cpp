@@ -201,12 +201,6 @@ TEST_F(DwarfLoaderTest, SaysItsPathAndType) {
     EXPECT_EQ(m_module.loader().getType(), 1u);
 }
 
-TEST_F(DwarfLoaderTest, StackVariablesAreNotReadYet) {
-    SymMgrObjectPtr<ISymbol> out;
-    EXPECT_EQ(m_module.loader().findStackVariable(nullptr, nullptr, 0, nullptr, out, nullptr),
-              status_NotImpl);
-}
-
 // --- Functions
 
 TEST_F(DwarfLoaderTest, AFunctionHasItsRangeAndIsLocal) {

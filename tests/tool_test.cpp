@@ -124,7 +124,7 @@ std::map<std::string, unsigned long long> Tool::s_symbols;
 // ---- Usage
 
 TEST_F(Tool, HelpStandsEverywhereAndIsNoError) {
-    for (const char* verb : {"", "symbolize", "info", "symbols", "lines", "units", "reports"}) {
+    for (const char* verb : {"", "symbolize", "info", "symbols", "lines", "units", "reports", "frame"}) {
         std::vector<std::string> arguments = {verb, "--help"};
         if (arguments[0].empty())
             arguments.erase(arguments.begin());

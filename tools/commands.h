@@ -42,6 +42,17 @@ struct LinesOptions {
 };
 int runLines(const LinesOptions& options);
 
+/// Addresses and registers as they stand on the command line.
+struct FrameOptions {
+    ModuleChoice module;
+    std::string code;
+    std::string data;
+    std::string stackPointer;
+    std::string framePointer;
+    bool asJson = false;
+};
+int runFrame(const FrameOptions& options);
+
 struct UnitsOptions {
     ModuleChoice module;
     bool asJson = false;

@@ -116,6 +116,25 @@ void addReports(CLI::App& app, ReportsOptions& options, Verb& verb) {
     command->callback([&options, &verb] { verb = [&options] { return runReports(options); }; });
 }
 
+void addFrame(CLI::App& app, FrameOptions& options, Verb& verb) {
+    CLI::App* command = app.add_subcommand("frame", "Tell the variable at an address of a function's stack");
+    command->footer(
+        "All values are hexadecimal, with or without 0x. PC means the module at its preferred load\n"
+        "address; registers and data address are those of the stopped program. Columns: variable\n"
+        "with its members, what it is, begin and offset, function, declaration.");
+    addModule(*command, options.module);
+    command->add_option("PC", options.code, "Where the function stopped")->required();
+    command->add_option("--data", options.data, "The address on the stack")->type_name("ADDRESS")->required();
+    command->add_option("--sp", options.stackPointer, "The stack pointer: rsp, esp")
+        ->type_name("VALUE")
+        ->required();
+    command->add_option("--fp", options.framePointer, "The frame pointer: rbp, ebp")
+        ->type_name("VALUE")
+        ->required();
+    addJson(*command, options.asJson);
+    command->callback([&options, &verb] { verb = [&options] { return runFrame(options); }; });
+}
+
 int runProgram(int argc, char** argv) {
     CLI::App app("Turns addresses of module files into names.", "orn");
     app.require_subcommand(1);
@@ -128,6 +147,7 @@ int runProgram(int argc, char** argv) {
     LinesOptions lines;
     UnitsOptions units;
     ReportsOptions reports;
+    FrameOptions frame;
     Verb verb;
     addSymbolize(app, symbolize, verb);
     addInfo(app, info, verb);
@@ -135,6 +155,7 @@ int runProgram(int argc, char** argv) {
     addLines(app, lines, verb);
     addUnits(app, units, verb);
     addReports(app, reports, verb);
+    addFrame(app, frame, verb);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& result) {

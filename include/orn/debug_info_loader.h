@@ -27,7 +27,8 @@ public:
                                  ISrcLineResolver* resolver) = 0;
     /// The line resolver for a module's scope; null where the format has no lines.
     virtual ISrcLineResolver* getLineResolver(GlobalScope* scope, ILock* loadLock) = 0;
-    /// The variable, and with `memberFlag` set the member, at a stack address. `status_False`: none.
+    /// The variable, and with `memberFlag` set the member, at a stack address: what
+    /// IModuleSymbolBank::findStackVariable asks once it knows the function. `status_False`: none.
     virtual status_t findStackVariable(ISymbol* function, IAddress* codeAddress,
                                        unsigned long long dataAddress, IStackFrameContext* context,
                                        SymMgrObjectPtr<ISymbol>& out, bool* memberFlag) = 0;

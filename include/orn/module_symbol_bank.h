@@ -99,8 +99,16 @@ public:
     virtual unsigned long long memoryEstimate() = 0;
     /// The bank's own prefetcher, borrowed.
     virtual IPrefetcher* prefetcher() = 0;
-    /// The variable at a stack address `dataAddress` in the frame `context` of the function at `addr`;
-    /// `*memberFlag` is set if the answer is a member of it.
+    /// The variable at a stack address `dataAddress` in the frame `context` of the function at `addr`, a
+    /// pseudo address; for a caller's frame the return address less one. The frame's registers and
+    /// `dataAddress` are those of the running program. `*memberFlag` (may be null) is set if the answer names
+    /// a member of the variable: "box::corner::y". The answer's address is where the variable begins on the
+    /// stack; it covers no range of the module. `status_False`: nothing is known there; `out` is untouched
+    /// then and on failure. `status_NoDebugInfo`: no entries can be read. `status_Fail`: the function does
+    /// not hold `addr` in one piece.
+    ///
+    /// Answers are kept by the two registers and `dataAddress`, whatever the function: frames of different
+    /// moments that have the same registers want a bank of their own, loaded without the cache.
     virtual status_t findStackVariable(IAddress* addr, unsigned long long dataAddress,
                                        IStackFrameContext* context, SymMgrObjectPtr<ISymbol>& out,
                                        bool* memberFlag) = 0;

@@ -8,6 +8,7 @@
 
 #include "orn_dildwarf.h"
 
+#include "orn_dildwarf_cfi.h"
 #include "orn_dildwarf_lines.h"
 #include "orn_dildwarf_walk.h"
 #include "orn_log.h"
@@ -222,11 +223,6 @@ ICompUnitDetails* DWARFDebugInfoLoader::getCompilationUnit(unsigned long long of
     ScopedLock guard(m_loadLock);
     const auto found = m_compUnits.find(offset);
     return found != m_compUnits.end() ? found->second.get() : nullptr;
-}
-
-status_t DWARFDebugInfoLoader::findStackVariable(ISymbol*, IAddress*, unsigned long long, IStackFrameContext*,
-                                                 SymMgrObjectPtr<ISymbol>&, bool*) {
-    return status_NotImpl;
 }
 
 void DWARFDebugInfoLoader::getSectionByIndex(SymMgrObjectPtr<ISection>& out, unsigned index) {

@@ -16,6 +16,7 @@
 
 namespace ORN_3_30 {
 
+class DWARFCallFrameInformation;
 class DWARFSymbolWalk;
 
 namespace dwarf_utils {
@@ -86,6 +87,10 @@ public:
     DWARFTypes& types() { return m_types; }
     /// Borrowed from the scope that asked for the line resolver last; null before.
     ILock* loadLock() const { return m_loadLock; }
+    /// Reads `.eh_frame`, once it succeeds; a failure is met again at every call.
+    bool ensureFrameInformation();
+    /// Null before ensureFrameInformation() has succeeded.
+    const DWARFCallFrameInformation* frameInformation() const { return m_frameInformation; }
 
     /// Reads the children of an entry into the scope's own table: what is behind DWARFScope::loadContent.
     status_t loadChildren(DWARFCompilationUnit& unit, unsigned long long entryOffset, Scope& scope,
@@ -139,6 +144,16 @@ private:
     void renewBudgets();
     void loadUnitSymbols(ISymbolTable* sink, LoadFilter* filter, symbol_kind_t flags);
 
+    // orn_dildwarf_stackquery.cpp
+
+    struct StackAnswer {
+        SymMgrObjectPtr<ISymbol> symbol;
+        bool isMember = false;
+    };
+    /// By stack and frame pointer, then by data address.
+    using StackAnswers = std::map<std::pair<unsigned long long, unsigned long long>,
+                                  std::map<unsigned long long, StackAnswer>>;
+
     UnitsByOffset m_compUnits;
     SymMgrObjectPtr<IFileFormatHelper> m_helper;
     std::string m_symFileName;
@@ -154,6 +169,9 @@ private:
     unsigned long long m_insideBudget; ///< entries inside functions
     SegmentSpans m_segments;
     DWARFTypes m_types;
+    OrnLock m_queryLock; ///< held through findStackVariable; guards the two below
+    SymMgrObjectPtr<DWARFCallFrameInformation> m_frameInformation;
+    StackAnswers m_stackAnswers;
     bool m_loadDwarfSymbols; ///< false: units, lines and compiler details, and no symbols
     status_t m_status;
     status_t m_scanStatus; ///< of a scan that a line query met failing, until loadSymbols returns it

@@ -171,7 +171,13 @@ enum : unsigned {
     DW_OP_plus_uconst = 0x23,
     DW_OP_lit0 = 0x30,
     DW_OP_reg0 = 0x50,
+    DW_OP_reg4 = 0x54,
+    DW_OP_reg6 = 0x56,
     DW_OP_breg0 = 0x70,
+    DW_OP_breg4 = 0x74,
+    DW_OP_breg5 = 0x75,
+    DW_OP_breg6 = 0x76,
+    DW_OP_breg7 = 0x77,
     DW_OP_regx = 0x90,
     DW_OP_fbreg = 0x91,
     DW_OP_bregx = 0x92,
@@ -208,6 +214,21 @@ enum : unsigned {
     DW_CFA_advance_loc = 0x40,
     DW_CFA_offset = 0x80,
     DW_CFA_restore = 0xc0,
+};
+
+/// How pointers of call frame information are encoded: a form, and what the value is relative to.
+enum : unsigned {
+    DW_EH_PE_absptr = 0x00,
+    DW_EH_PE_uleb128 = 0x01,
+    DW_EH_PE_udata2 = 0x02,
+    DW_EH_PE_udata4 = 0x03,
+    DW_EH_PE_udata8 = 0x04,
+    DW_EH_PE_sleb128 = 0x09,
+    DW_EH_PE_sdata2 = 0x0a,
+    DW_EH_PE_sdata4 = 0x0b,
+    DW_EH_PE_sdata8 = 0x0c,
+    DW_EH_PE_pcrel = 0x10,
+    DW_EH_PE_omit = 0xff,
 };
 
 } // namespace ORN_3_30

@@ -46,6 +46,11 @@ unsigned long long saturatedProduct(unsigned long long a, unsigned long long b) 
     return __builtin_mul_overflow(a, b, &product) ? ~0ULL : product;
 }
 
+/// A bound that is computed or told by another entry is not known here.
+bool isConstant(const AttrBinding& bound) {
+    return bound.form == DW_FORM_data8 || bound.form == DW_FORM_udata || bound.form == DW_FORM_sdata;
+}
+
 /// How many elements the dimensions of an array make.
 struct ArrayCount {
     unsigned long long product = 1;
@@ -54,7 +59,7 @@ struct ArrayCount {
     /// Quirk: a dimension of one element, whose bounds are equal, does not make an array sized.
     void addDimension(AttrBindings& subrange) {
         const AttrBinding* upperBound = subrange.find(DW_AT_upper_bound);
-        if (!upperBound || upperBound->form == DW_FORM_block || upperBound->form == DW_FORM_exprloc)
+        if (!upperBound || !isConstant(*upperBound))
             return;
         const AttrBinding* lowerBound = subrange.find(DW_AT_lower_bound);
         long long lower = subrange.compUnit()->isFortran() ? 1 : 0;

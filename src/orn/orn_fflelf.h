@@ -20,6 +20,8 @@ public:
     void getSectionByIndex(SymMgrObjectPtr<ISection>& out, unsigned index) override;
     void getRelocationAddends(SymMgrObjectPtr<RelocationAddends>& out, unsigned sectionIndex) override;
 
+    ElfHelper* getElfHelper() const { return m_elfHelper; }
+
 private:
     void makeSectionData(SymMgrObjectPtr<ISectionData>& out, unsigned index);
 

@@ -169,7 +169,8 @@ public:
     DWARFDebugInfoLoader& loader() {
         prepare();
         if (!m_loader)
-            m_loader = new DWARFDebugInfoLoader(format, "/module.debug", m_helper, bias, nullptr);
+            m_loader = new DWARFDebugInfoLoader(
+                format, "/module.debug", loaderHelper ? loaderHelper.get() : m_helper.get(), bias, nullptr);
         return *m_loader;
     }
     GlobalScope& scope() {
@@ -233,6 +234,7 @@ public:
     SymMgrObjectPtr<SegmentsLoader> format = new SegmentsLoader;
     unsigned long long bias = 0;
     bool hasOwnSegments = false;
+    SymMgrObjectPtr<IFileFormatHelper> loaderHelper; ///< in place of helper(), before the loader is made
 
 private:
     static std::string textOf(ISymbolRange& range) {
