@@ -73,9 +73,8 @@ void DWARFLocation::make(const DWARFPosition& position) {
     const int fileId = resolver ? resolver->fileIdOf(position.file, *position.unit) : -1;
     if (fileId < 0)
         return;
-    auto* location =
-        new SourceLocation(resolver, position.unit->getOffset(), static_cast<unsigned>(fileId), position.line,
-                           position.column, position.extra);
+    auto* location = new SourceLocation(resolver, position.unit->getOffset(), static_cast<unsigned>(fileId),
+                                        position.line, position.column, position.extra);
     location->addRef();
     m_location.store(location, std::memory_order_release);
 }
