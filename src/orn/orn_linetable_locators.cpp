@@ -191,7 +191,7 @@ void SrcLocatorList::dropDuplicates() {
             if (kept == groupStart || !isSame(m_rows[kept - 1], m_rows[first]))
                 m_rows[kept++] = m_rows[first];
     }
-    const bool isWasteful = kept < m_rows.size() / 2;
+    const bool isWasteful = kept + kept / 16 < m_rows.size();
     m_rows.resize(kept);
     if (isWasteful)
         m_rows.shrink_to_fit();

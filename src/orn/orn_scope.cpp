@@ -50,7 +50,8 @@ void Scope::releaseContent() {
         return;
     if (ISymbolTable* table = mine->m_symbolTable.exchange(nullptr))
         table->release();
-    mine->m_thunks.clear();
+    if (Thunks* thunks = mine->m_thunks.load(std::memory_order_acquire))
+        thunks->clear();
 }
 
 Scope::Extras& Scope::extras() {
@@ -77,7 +78,14 @@ ISymbolTable* Scope::symbolTable() {
 }
 
 Scope::Thunks* Scope::thunks() {
-    return &extras().m_thunks;
+    Extras& mine = extras();
+    Thunks* thunks = mine.m_thunks.load(std::memory_order_acquire);
+    if (!thunks) {
+        auto made = std::make_unique<Thunks>();
+        if (mine.m_thunks.compare_exchange_strong(thunks, made.get(), std::memory_order_acq_rel))
+            thunks = made.release();
+    }
+    return thunks;
 }
 
 // The three queries below share their steps: load what the mask asks for, ask the table, say whether there

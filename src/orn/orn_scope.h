@@ -114,7 +114,8 @@ public:
     Scope* parentScope() const { return m_parent; }
     bool hasThunks() const {
         const Extras* mine = m_extras.load(std::memory_order_acquire);
-        return mine && !mine->m_thunks.empty();
+        const Thunks* thunks = mine ? mine->m_thunks.load(std::memory_order_acquire) : nullptr;
+        return thunks && !thunks->empty();
     }
     bool hasTable() const {
         const Extras* mine = m_extras.load(std::memory_order_acquire);
@@ -146,8 +147,10 @@ private:
     /// What most scopes never need. A module has one scope per symbol, so every byte in Scope itself counts.
     struct Extras {
         OrnLock m_lock;                                    ///< guards the count of the table
-        Thunks m_thunks;                                   ///< in order of arrival
+        std::atomic<Thunks*> m_thunks{nullptr};            ///< owned; in order of arrival
         std::atomic<ISymbolTable*> m_symbolTable{nullptr}; ///< holds a reference
+
+        ~Extras() { delete m_thunks.load(std::memory_order_relaxed); }
     };
 
     Extras& extras();

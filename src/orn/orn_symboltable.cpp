@@ -194,6 +194,17 @@ struct SymbolTable::Crowd {
     }
 };
 
+struct SymbolTable::ModuleParts {
+    IFileFormatLoader* plainLoader = nullptr; ///< borrowed: of the plain symbols
+    Crowds crowds;
+};
+
+SymbolTable::ModuleParts& SymbolTable::moduleParts() {
+    if (!m_module)
+        m_module = std::make_unique<ModuleParts>();
+    return *m_module;
+}
+
 ISymbolTable* ISymbolTable::create(Scope* scope) {
     try {
         return new SymbolTable(scope, nullptr);
@@ -240,7 +251,6 @@ Scope*& OwnedScopes::linkBehind(Scope* scope) {
 SymbolTable::SymbolTable(Scope* scope, ILock* lock)
     : SymMgrObject<ISymbolTable>(lock),
       m_scope(scope),
-      m_plainLoader(nullptr),
       m_entryCount(0),
       m_furtherListings(0),
       m_listingMoves(0),
@@ -309,11 +319,12 @@ int SymbolTable::addScopeRange(unsigned long long low, unsigned long long high, 
 void SymbolTable::addPlainSymbol(IFileFormatLoader& loader, const PlainSymbol& symbol, unsigned long long low,
                                  unsigned long long high) {
     // One loader is remembered for all plain symbols; a scope carries its own.
-    if (m_plainLoader && m_plainLoader != &loader) {
+    IFileFormatLoader*& known = moduleParts().plainLoader;
+    if (known && known != &loader) {
         addScopeRange(low, high, newPlainScope(loader, m_scope, symbol, low, high));
         return;
     }
-    m_plainLoader = &loader;
+    known = &loader;
     Newcomer newcomer(low, high, symbol, loader, m_scope);
     addEntry(newcomer);
 }
@@ -339,7 +350,7 @@ Scope* SymbolTable::makeScope(CellEntry& entry) {
     const PlainSymbol symbol{entry.name, static_cast<symbol_visibility_t>(entry.visibility),
                              static_cast<symbol_kind_t>(entry.kind)};
     std::unique_ptr<SymbolScope> scope(
-        newPlainScope(*m_plainLoader, m_scope, symbol, entry.start, entry.end));
+        newPlainScope(*m_module->plainLoader, m_scope, symbol, entry.start, entry.end));
     m_scopes.append(scope.get());
     scope->setOwnedByTable();
     std::atomic_ref<Scope*>(entry.scope).store(scope.get(), std::memory_order_release);
@@ -452,17 +463,15 @@ CellEntry* SymbolTable::settleAmong(const Entries& entries, Position cell, Newco
 
 /// Null where none was made.
 SymbolTable::Crowd* SymbolTable::knownCrowd(unsigned long long start) const {
-    if (!m_crowds)
+    if (!m_module)
         return nullptr;
-    const auto found = m_crowds->find(start);
-    return found != m_crowds->end() ? found->second.get() : nullptr;
+    const auto found = m_module->crowds.find(start);
+    return found != m_module->crowds.end() ? found->second.get() : nullptr;
 }
 
 SymbolTable::Crowd& SymbolTable::crowdAt(Position cell) {
     const unsigned long long key = m_cells.keyAt(cell);
-    if (!m_crowds)
-        m_crowds = std::make_unique<Crowds>();
-    std::unique_ptr<Crowd>& place = (*m_crowds)[key];
+    std::unique_ptr<Crowd>& place = moduleParts().crowds[key];
     if (place)
         return *place;
     auto made = std::make_unique<Crowd>();
@@ -665,8 +674,8 @@ SymbolTable::Position SymbolTable::removeMatching(Position cell,
     if (found != holder.end()) {
         if ((*found)->start != m_cells.keyAt(cell))
             --m_furtherListings;
-        else if (m_crowds)
-            m_crowds->erase((*found)->start); // made anew when it is needed
+        else if (m_module)
+            m_module->crowds.erase((*found)->start); // made anew when it is needed
         holder.erase(m_listStore, static_cast<std::size_t>(found - holder.begin()));
     }
     return holder.isEmpty() ? m_cells.erase(cell) : m_cells.next(cell);

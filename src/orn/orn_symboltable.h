@@ -116,6 +116,8 @@ private:
     struct Crowd;
     /// By the address where the entries start.
     using Crowds = std::unordered_map<unsigned long long, std::unique_ptr<Crowd>>;
+    /// What the table of a module needs and the many nested ones do not.
+    struct ModuleParts;
 
     // Adding.
     CellEntry* addEntry(unsigned long long start, unsigned long long end, Scope* scope);
@@ -125,6 +127,7 @@ private:
     CellEntry* settleAmong(const Entries& entries, Position cell, Newcomer& newcomer);
     Crowd& crowdAt(Position cell);
     Crowd* knownCrowd(unsigned long long start) const;
+    ModuleParts& moduleParts();
     std::vector<CellEntry*> namesakesOf(Newcomer& newcomer, Position cell);
     void findNeighbour(Position cell, unsigned long long& nextKey, Scope*& nextScope);
     CellEntry* mergeInto(CellEntry* entry, unsigned long long end, Scope* scope, unsigned bits);
@@ -167,17 +170,16 @@ private:
 
     Scope* m_scope;
     CellIndex m_cells;
-    OwnedScopes m_scopes;             ///< deleted directly, whatever their counts
-    IFileFormatLoader* m_plainLoader; ///< borrowed: of the plain symbols
-    std::unique_ptr<Crowds> m_crowds; ///< made with the first one
+    OwnedScopes m_scopes;                  ///< deleted directly, whatever their counts
+    std::unique_ptr<ModuleParts> m_module; ///< made when it is needed
     RecordPool<CellEntry> m_entryPool;
     ListStore m_listStore;
     unsigned long long m_entryCount;
     unsigned long long m_furtherListings; ///< of entries in cells that do not own them
     unsigned long long m_listingMoves;    ///< of entries in lists that took in such a listing
-    bool m_isOrdered;                     ///< every list is ordered by descending end
+    unsigned long long m_isOrdered : 1;   ///< every list is ordered by descending end
     /// Counts the changes of cells and lists: an iterator that finds another value looks up its place anew.
-    unsigned long long m_changeStamp;
+    unsigned long long m_changeStamp : 63;
 };
 
 } // namespace ORN_3_30
