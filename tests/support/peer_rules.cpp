@@ -1,0 +1,386 @@
+// The rules. Each one looks at one difference, with everything else at hand, and is as narrow as what it
+// tells: what a program is known to do, or what our own tables are meant to do, and nothing near it. How
+// often a rule may apply is limited as well, where a mistake of ours could hide behind it.
+
+#include "support/peer_rules.h"
+
+#include "support/real_module.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cxxabi.h>
+#include <iomanip>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string_view>
+
+namespace orn_test {
+
+namespace {
+
+enum class Field { Coverage, Depth, Function, File, Line };
+
+/// `frame` counts from the innermost one.
+struct Difference {
+    Field field;
+    std::size_t frame;
+};
+
+struct Case {
+    const ProgramFacts& facts;
+    const Answers& answers;
+    Peer peer;
+
+    const PeerFrames& ours() const { return answers.ours->frames; }
+    const PeerFrames& theirs() const { return *answers.peers[static_cast<std::size_t>(peer)]; }
+    /// Null if it was not asked.
+    const PeerFrames* of(Peer other) const { return answers.peers[static_cast<std::size_t>(other)]; }
+    const std::string& ourFunction(const Difference& at) const { return ours()[at.frame].function; }
+    const std::string& theirFunction(const Difference& at) const { return theirs()[at.frame].function; }
+    bool isOutermost(const Difference& at) const { return at.frame + 1 == ours().size(); }
+};
+
+struct Rule {
+    const char* name;
+    const char* why;
+    bool (*explains)(const Case&, const Difference&);
+    double mostOfAll; ///< the greatest share of all comparisons that it may explain
+};
+
+bool sameName(const std::string& a, const std::string& b) {
+    return withoutSpaces(a) == withoutSpaces(b);
+}
+
+bool samePlainName(const std::string& a, const std::string& b) {
+    return plainFunction(a) == plainFunction(b);
+}
+
+/// Without a scope and without parameters: what the name of an entry looks like, and no linkage name.
+bool isUnqualified(const std::string& name) {
+    if (name == "operator()")
+        return true;
+    const std::string outside = name.substr(0, name.find('<'));
+    return outside.find("::") == std::string::npos && outside.find('(') == std::string::npos;
+}
+
+bool samePlaces(const PeerFrames& a, const PeerFrames& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const PeerFrame& x, const PeerFrame& y) {
+        return x.file == y.file && x.line == y.line;
+    });
+}
+
+/// One way of writing what demanglers write in two ways.
+std::string unified(std::string name) {
+    const auto replaceAll = [&name](std::string_view from, std::string_view to) {
+        for (std::size_t at = name.find(from); at != std::string::npos; at = name.find(from, at + to.size()))
+            name.replace(at, from.size(), to);
+    };
+    name = withoutSpaces(name);
+    replaceAll("'lambda'", "{lambda");
+    replaceAll("#1}", "");
+    replaceAll("[clone", "(");
+    replaceAll("]", ")");
+    return name;
+}
+
+struct Signature {
+    std::string scope; ///< with the final "::"
+    std::string name;
+    std::string parameters;
+};
+
+Signature signatureOf(const std::string& function) {
+    const std::size_t bracket = std::min(function.find('('), function.size());
+    const std::size_t colons = function.rfind("::", bracket);
+    const std::size_t name = colons == std::string::npos ? 0 : colons + 2;
+    return {function.substr(0, name), function.substr(name, bracket - name), function.substr(bracket)};
+}
+
+// --- Addresses
+
+bool isLineWithoutFunction(const Case& at, const Difference& difference) {
+    return difference.field == Field::Coverage && at.ours().empty() && at.theirs().size() == 1 &&
+           at.theirs()[0].function.empty() && !at.facts.isInFunction(at.answers.address);
+}
+
+bool isNearestSymbol(const Case& at, const Difference& difference) {
+    return difference.field == Field::Coverage && at.ours().empty() && at.theirs().size() == 1 &&
+           !at.facts.isInFunction(at.answers.address) &&
+           at.facts.symbolsBefore(at.answers.address).contains(plainFunction(at.theirs()[0].function));
+}
+
+// --- Files and lines
+
+bool isFileSymbol(const Case& at, const Difference& difference) {
+    return difference.field == Field::File && at.isOutermost(difference) &&
+           at.ours()[difference.frame].file.empty() && at.theirs()[difference.frame].line == 0 &&
+           at.facts.isFileSymbol(at.theirs()[difference.frame].file);
+}
+
+/// Both others know no line there.
+bool isRowOfEndedSequence(const Case& at, const Difference& difference) {
+    const auto hasNoLine = [](const PeerFrames* frames) {
+        return frames && frames->size() == 1 && frames->front().line == 0;
+    };
+    return (difference.field == Field::File || difference.field == Field::Line) &&
+           at.peer == Peer::elfutils && hasNoLine(&at.ours()) && hasNoLine(at.of(Peer::addr2line)) &&
+           hasNoLine(at.of(Peer::llvm));
+}
+
+// --- Names
+
+bool isNameOfEntry(const Case& at, const Difference& difference) {
+    return difference.field == Field::Function && !at.isOutermost(difference) &&
+           isUnqualified(at.ourFunction(difference)) &&
+           samePlainName(at.ourFunction(difference), at.theirFunction(difference));
+}
+
+bool isFortranName(const Case& at, const Difference& difference) {
+    if (difference.field != Field::Function || !at.facts.isFortran())
+        return false;
+    const std::string& ours = at.ourFunction(difference);
+    const std::string& theirs = at.theirFunction(difference);
+    return theirs == ours + '_' || (theirs.starts_with("__") && theirs.ends_with("_MOD_" + ours));
+}
+
+bool isFortranProgram(const Case& at, const Difference& difference) {
+    return difference.field == Field::Function && at.facts.isFortran() && at.isOutermost(difference) &&
+           at.theirFunction(difference) == "MAIN__" &&
+           at.facts.functionsAt(at.answers.address).contains("MAIN__");
+}
+
+bool isNameInSymbolTable(const Case& at, const Difference& difference) {
+    return difference.field == Field::Function && at.isOutermost(difference) &&
+           samePlainName(at.ourFunction(difference), at.theirFunction(difference)) &&
+           at.facts.functionsAt(at.answers.address).contains(plainFunction(at.theirFunction(difference)));
+}
+
+bool isNameWithoutSymbolTable(const Case& at, const Difference& difference) {
+    return difference.field == Field::Function && at.isOutermost(difference) && at.peer == Peer::elfutils &&
+           isUnqualified(at.theirFunction(difference)) &&
+           samePlainName(at.ourFunction(difference), at.theirFunction(difference));
+}
+
+/// The third one says what we say.
+bool isOutermostForInnermost(const Case& at, const Difference& difference) {
+    const PeerFrames* llvm = at.of(Peer::llvm);
+    return difference.field == Field::Function && difference.frame == 0 && at.peer == Peer::addr2line &&
+           at.ours().size() > 1 && llvm && llvm->size() == at.ours().size() &&
+           samePlainName(llvm->front().function, at.ours().front().function) &&
+           at.facts.functionsAt(at.answers.address).contains(plainFunction(at.theirs().front().function));
+}
+
+bool isWayOfWriting(const Case& at, const Difference& difference) {
+    return difference.field == Field::Function && at.peer == Peer::llvm &&
+           unified(at.ourFunction(difference)) == unified(at.theirFunction(difference));
+}
+
+bool isInheritedConstructor(const Case& at, const Difference& difference) {
+    if (difference.field != Field::Function || at.peer != Peer::llvm)
+        return false;
+    const Signature ours = signatureOf(at.ourFunction(difference));
+    const Signature theirs = signatureOf(at.theirFunction(difference));
+    return theirs.scope.ends_with(theirs.name + "::") &&
+           ((ours.scope == theirs.scope && ours.parameters == theirs.parameters) || ours.scope.empty());
+}
+
+// --- Expanded calls
+
+/// Places, and with them the number of levels, are the same for the two others and us.
+bool isElfutilsAlone(const Case& at, const Difference&) {
+    const PeerFrames* addr2line = at.of(Peer::addr2line);
+    const PeerFrames* llvm = at.of(Peer::llvm);
+    return at.peer == Peer::elfutils && addr2line && llvm && !at.ours().empty() &&
+           samePlaces(at.ours(), *addr2line) && samePlaces(at.ours(), *llvm);
+}
+
+bool isDefinedInNamespace(const Case& at, const Difference& difference) {
+    return difference.field == Field::Depth && at.facts.isClang() && at.ours().size() == 1 &&
+           at.theirs().size() > 1 && at.ours().front().function.find("::") != std::string::npos &&
+           samePlainName(at.ours().front().function, at.theirs().back().function);
+}
+
+constexpr double any = 1;
+constexpr double some = 0.1;
+constexpr double few = 0.02;
+
+constexpr Rule rules[] = {
+    {"line without a function",
+     "between functions: rows reach over padding, but no function covers the address, and we answer for "
+     "functions",
+     isLineWithoutFunction, some},
+    {"nearest symbol", "they name an address that no function covers after what stands in front of it",
+     isNearestSymbol, some},
+    {"file of a FILE symbol", "without debug information they name the source file after the symbol table",
+     isFileSymbol, some},
+    {"row of an ended sequence", "eu-addr2line lets the last row reach beyond the end of its sequence",
+     isRowOfEndedSequence, some},
+    {"name of the entry", "an expanded function that was not declared before has the name of its entry",
+     isNameOfEntry, any},
+    {"name in Fortran", "we give the name that was written, without the compiler's marks", isFortranName,
+     any},
+    {"program of Fortran", "the entry has the name that was written; the symbol table calls it MAIN__",
+     isFortranProgram, some},
+    {"way of writing", "demanglers write lambdas and parts that were split off in two ways", isWayOfWriting,
+     some},
+    {"inherited constructor",
+     "LLVM's demangler names it after the class that inherits, the others after its own",
+     isInheritedConstructor, few},
+    {"name in the symbol table",
+     "they name the outermost function after the symbol, which may be a part or a copy of it",
+     isNameInSymbolTable, some},
+    {"name without the symbol table", "eu-addr2line takes the name of the entry alone",
+     isNameWithoutSymbolTable, some},
+    {"outermost for innermost", "addr2line gives the name of the symbol for the innermost function",
+     isOutermostForInnermost, some},
+    {"defined in a name space",
+     "entries of name spaces are not entered: what is defined inside one has no expanded calls",
+     isDefinedInNamespace, some},
+    {"eu-addr2line alone", "it finds other levels at the edges of split blocks than the two others and we",
+     isElfutilsAlone, few},
+};
+
+std::vector<Difference> differencesOf(const PeerFrames& ours, const PeerFrames& theirs) {
+    if (ours.empty() != theirs.empty())
+        return {{Field::Coverage, 0}};
+    std::vector<Difference> found;
+    const bool sameDepth = ours.size() == theirs.size();
+    if (!sameDepth)
+        found.push_back({Field::Depth, 0});
+    // The functions and callers of different levels cannot be compared; the place of the innermost one can.
+    const std::size_t count = sameDepth ? ours.size() : 1;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (sameDepth && !sameName(ours[i].function, theirs[i].function))
+            found.push_back({Field::Function, i});
+        if (ours[i].file != theirs[i].file)
+            found.push_back({Field::File, i});
+        if (ours[i].line != theirs[i].line)
+            found.push_back({Field::Line, i});
+    }
+    return found;
+}
+
+const Rule* ruleFor(const Case& at, const Difference& difference) {
+    const auto found = std::find_if(std::begin(rules), std::end(rules),
+                                    [&](const Rule& rule) { return rule.explains(at, difference); });
+    return found != std::end(rules) ? &*found : nullptr;
+}
+
+std::string plainNameOfSymbol(const std::string& raw) {
+    int status = 0;
+    // What a compiler appends to a name is no part of the scheme.
+    const std::string name = raw.substr(0, raw.starts_with("_Z") ? raw.find('.') : std::string::npos);
+    const std::unique_ptr<char, decltype(&std::free)> text(
+        abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
+    return plainFunction(text ? text.get() : name);
+}
+
+} // namespace
+
+// --- ProgramFacts
+
+ProgramFacts::ProgramFacts(const std::string& compiler, const ReadelfModule& elf) : m_compiler(compiler) {
+    for (const ElfSymbol& symbol : elf.symbols) {
+        if (symbol.type == "FILE") {
+            m_files.insert(symbol.name);
+            continue;
+        }
+        if (symbol.section == "UND" || symbol.section == "ABS" ||
+            (symbol.type != "FUNC" && symbol.type != "NOTYPE"))
+            continue;
+        const std::string name = plainNameOfSymbol(symbol.name);
+        m_symbols.emplace(symbol.value, name);
+        if (symbol.type != "FUNC" || symbol.size == 0)
+            continue;
+        m_functions.emplace(symbol.value, Function{symbol.value + symbol.size, name});
+        m_longest = std::max(m_longest, symbol.size);
+    }
+}
+
+std::set<std::string> ProgramFacts::functionsAt(std::uint64_t address) const {
+    std::set<std::string> names;
+    auto function = m_functions.lower_bound(address > m_longest ? address - m_longest : 0);
+    for (; function != m_functions.end() && function->first <= address; ++function) {
+        if (address < function->second.end)
+            names.insert(function->second.name);
+    }
+    return names;
+}
+
+std::set<std::string> ProgramFacts::symbolsBefore(std::uint64_t address) const {
+    std::set<std::string> names;
+    auto symbol = m_symbols.upper_bound(address);
+    if (symbol == m_symbols.begin())
+        return names;
+    const auto [begin, end] = m_symbols.equal_range(std::prev(symbol)->first);
+    std::transform(begin, end, std::inserter(names, names.end()),
+                   [](const auto& entry) { return entry.second; });
+    return names;
+}
+
+std::vector<std::uint64_t> ProgramFacts::functionStarts() const {
+    std::vector<std::uint64_t> starts;
+    for (const auto& [start, function] : m_functions) {
+        if (starts.empty() || starts.back() != start)
+            starts.push_back(start);
+    }
+    return starts;
+}
+
+// --- PeerLedger
+
+void PeerLedger::compare(const std::string& program, const ProgramFacts& facts, const Answers& answers) {
+    for (Peer peer : allPeers) {
+        const Case at{facts, answers, peer};
+        if (!at.of(peer))
+            continue;
+        ++m_comparisons;
+        m_expanded += at.ours().size() > 1 || at.theirs().size() > 1;
+        const std::vector<Difference> differences = differencesOf(at.ours(), at.theirs());
+        m_equal += differences.empty();
+        std::set<std::string> needed;
+        bool isExplained = true;
+        for (const Difference& difference : differences) {
+            const Rule* rule = ruleFor(at, difference);
+            if (rule)
+                needed.insert(rule->name);
+            isExplained = isExplained && rule;
+        }
+        for (const std::string& name : needed)
+            ++m_counts[name];
+        if (isExplained)
+            continue;
+        constexpr std::size_t enough = 20;
+        if (++m_unexplainedCount > enough)
+            continue;
+        std::ostringstream line;
+        line << program << " at 0x" << std::hex << answers.address << ": " << textOf(at.ours())
+             << "\n    but " << nameOf(peer) << " says " << textOf(at.theirs()) << '\n';
+        m_unexplained += line.str();
+    }
+}
+
+std::string PeerLedger::overused() const {
+    std::ostringstream text;
+    for (const Rule& rule : rules) {
+        const auto count = m_counts.find(rule.name);
+        if (count != m_counts.end() &&
+            static_cast<double>(count->second) > rule.mostOfAll * static_cast<double>(m_comparisons))
+            text << rule.name << " explains " << count->second << " of " << m_comparisons << '\n';
+    }
+    return text.str();
+}
+
+std::string PeerLedger::text() const {
+    std::ostringstream text;
+    text << m_comparisons << " comparisons, " << m_expanded << " with expanded calls; " << m_equal
+         << " equal, " << m_unexplainedCount << " unexplained\n";
+    for (const Rule& rule : rules) {
+        if (const auto count = m_counts.find(rule.name); count != m_counts.end())
+            text << std::setw(9) << count->second << "  " << rule.name << ": " << rule.why << '\n';
+    }
+    return text.str();
+}
+
+} // namespace orn_test
