@@ -55,7 +55,7 @@ std::vector<std::uint64_t> chosen(const std::vector<std::uint64_t>& addresses,
 } // namespace
 
 void compareWithPeers(const ComparedModule& module, const Sample& sample, PeerLedger& ledger) {
-    const ReadelfModule elf(pathForPeers(module));
+    const ReadelfModule elf(module.whole.empty() ? pathForPeers(module) : module.whole);
     const ProgramFacts facts(module.compiler, elf);
     std::vector<std::uint64_t> addresses = addressesOf(elf, sample.stride);
     std::vector<bool> isForElfutils;

@@ -11,13 +11,15 @@
 
 namespace orn_test {
 
-/// What to compare. Where debug information was split off, the others are asked about the module as it was.
+/// What to compare. Of a module whose debug information was split off, what is left of its symbol table does
+/// not tell all that is known.
 struct ComparedModule {
     std::string name;     ///< for messages
     std::string compiler; ///< the word by which it is called
     std::string path;
-    std::string pathForPeers;            ///< empty: the same
-    std::vector<std::string> ourOptions; ///< for our command line
+    std::string pathForPeers = {};            ///< empty: the same
+    std::string whole = {};                   ///< the module before it was split; empty: it was not
+    std::vector<std::string> ourOptions = {}; ///< for our command line
 };
 
 /// Every start of a function, and code addresses at a fixed distance.

@@ -100,8 +100,8 @@ Signature signatureOf(const std::string& function) {
 // --- Addresses
 
 bool isLineWithoutFunction(const Case& at, const Difference& difference) {
-    return difference.field == Field::Coverage && at.ours().empty() && at.theirs().size() == 1 &&
-           at.theirs()[0].function.empty() && !at.facts.isInFunction(at.answers.address);
+    return difference.field == Field::Coverage && at.ours().empty() && at.theirs().front().function.empty() &&
+           !at.facts.isInFunction(at.answers.address);
 }
 
 bool isNearestSymbol(const Case& at, const Difference& difference) {
@@ -185,6 +185,14 @@ bool isInheritedConstructor(const Case& at, const Difference& difference) {
            ((ours.scope == theirs.scope && ours.parameters == theirs.parameters) || ours.scope.empty());
 }
 
+bool isDataOfObjectFile(const Case& at, const Difference& difference) {
+    const bool isBetweenFunctions = difference.field == Field::Coverage && at.ours().empty() &&
+                                    !at.facts.isInFunction(at.answers.address);
+    const bool isOutermost = difference.field == Field::Function && at.isOutermost(difference);
+    return at.peer == Peer::llvm && (isBetweenFunctions || isOutermost) &&
+           at.facts.isDataOfObjectFile(at.theirs().back().function);
+}
+
 // --- Expanded calls
 
 /// Places, and with them the number of levels, are the same for the two others and us.
@@ -202,6 +210,7 @@ bool isDefinedInNamespace(const Case& at, const Difference& difference) {
 }
 
 constexpr double any = 1;
+constexpr double many = 0.2;
 constexpr double some = 0.1;
 constexpr double few = 0.02;
 
@@ -213,7 +222,7 @@ constexpr Rule rules[] = {
     {"nearest symbol", "they name an address that no function covers after what stands in front of it",
      isNearestSymbol, some},
     {"file of a FILE symbol", "without debug information they name the source file after the symbol table",
-     isFileSymbol, some},
+     isFileSymbol, many},
     {"row of an ended sequence", "eu-addr2line lets the last row reach beyond the end of its sequence",
      isRowOfEndedSequence, some},
     {"name of the entry", "an expanded function that was not declared before has the name of its entry",
@@ -230,6 +239,9 @@ constexpr Rule rules[] = {
     {"name in the symbol table",
      "they name the outermost function after the symbol, which may be a part or a copy of it",
      isNameInSymbolTable, some},
+    {"data of an object file",
+     "llvm-symbolizer does not tell the sections of an object file apart in its symbol table",
+     isDataOfObjectFile, few},
     {"name without the symbol table", "eu-addr2line takes the name of the entry alone",
      isNameWithoutSymbolTable, some},
     {"outermost for innermost", "addr2line gives the name of the symbol for the innermost function",
@@ -286,11 +298,13 @@ ProgramFacts::ProgramFacts(const std::string& compiler, const ReadelfModule& elf
             m_files.insert(symbol.name);
             continue;
         }
-        if (symbol.section == "UND" || symbol.section == "ABS" ||
-            (symbol.type != "FUNC" && symbol.type != "NOTYPE"))
+        if (symbol.section == "UND" || symbol.section == "ABS")
             continue;
+        if (elf.isRelocatable && symbol.type != "FUNC")
+            m_dataOfObjectFile.insert(symbol.name);
         const std::string name = plainNameOfSymbol(symbol.name);
-        m_symbols.emplace(symbol.value, name);
+        if (symbol.type == "FUNC" || (symbol.type == "NOTYPE" && !elf.isRelocatable))
+            m_symbols.emplace(symbol.value, name);
         if (symbol.type != "FUNC" || symbol.size == 0)
             continue;
         m_functions.emplace(symbol.value, Function{symbol.value + symbol.size, name});
@@ -336,6 +350,10 @@ void PeerLedger::compare(const std::string& program, const ProgramFacts& facts, 
         if (!at.of(peer))
             continue;
         ++m_comparisons;
+        Agreement& agreement = m_agreements[static_cast<std::size_t>(peer)];
+        ++agreement.asked;
+        agreement.innermost += sayTheSame(at.ours(), at.theirs());
+        agreement.depth += at.ours().size() == at.theirs().size();
         m_expanded += at.ours().size() > 1 || at.theirs().size() > 1;
         const std::vector<Difference> differences = differencesOf(at.ours(), at.theirs());
         m_equal += differences.empty();
@@ -359,6 +377,15 @@ void PeerLedger::compare(const std::string& program, const ProgramFacts& facts, 
              << "\n    but " << nameOf(peer) << " says " << textOf(at.theirs()) << '\n';
         m_unexplained += line.str();
     }
+}
+
+/// Of the innermost frame; of its function, the name that was written.
+bool PeerLedger::sayTheSame(const PeerFrames& ours, const PeerFrames& theirs) {
+    if (ours.empty() || theirs.empty())
+        return ours.empty() && theirs.empty();
+    const PeerFrame& mine = ours.front();
+    const PeerFrame& other = theirs.front();
+    return samePlainName(mine.function, other.function) && mine.file == other.file && mine.line == other.line;
 }
 
 std::string PeerLedger::overused() const {

@@ -32,6 +32,8 @@ public:
     /// Plain names of the symbols that stand nearest in front of the address, or at it.
     std::set<std::string> symbolsBefore(std::uint64_t address) const;
     bool isFileSymbol(const std::string& name) const { return m_files.contains(name); }
+    /// Whether this is an object file, and the name one of its symbols that are no functions.
+    bool isDataOfObjectFile(const std::string& name) const { return m_dataOfObjectFile.contains(name); }
     /// Where functions start, in order.
     std::vector<std::uint64_t> functionStarts() const;
 
@@ -46,6 +48,7 @@ private:
     std::multimap<std::uint64_t, std::string> m_symbols;
     std::uint64_t m_longest = 0;
     std::set<std::string> m_files;
+    std::set<std::string> m_dataOfObjectFile;
 };
 
 /// All answers to one address.
@@ -56,6 +59,20 @@ struct Answers {
     std::array<const PeerFrames*, allPeers.size()> peers;
 };
 
+/// How often a program and we say the same.
+struct Agreement {
+    std::size_t asked = 0;
+    std::size_t innermost = 0; ///< function, file and line
+    std::size_t depth = 0;
+
+    double shareOfInnermost() const {
+        return asked ? static_cast<double>(innermost) / static_cast<double>(asked) : 0;
+    }
+    double shareOfDepth() const {
+        return asked ? static_cast<double>(depth) / static_cast<double>(asked) : 0;
+    }
+};
+
 /// What became of the comparisons, by rule.
 class PeerLedger {
 public:
@@ -64,6 +81,7 @@ public:
 
     std::size_t comparisons() const { return m_comparisons; }
     std::size_t equal() const { return m_equal; }
+    const Agreement& with(Peer peer) const { return m_agreements[static_cast<std::size_t>(peer)]; }
     /// Comparisons with answers of several levels on either side.
     std::size_t expanded() const { return m_expanded; }
     /// One line for each comparison with a difference that nothing explains; the first ones only.
@@ -74,6 +92,9 @@ public:
     std::string text() const;
 
 private:
+    static bool sayTheSame(const PeerFrames& ours, const PeerFrames& theirs);
+
+    std::array<Agreement, allPeers.size()> m_agreements;
     std::size_t m_comparisons = 0;
     std::size_t m_equal = 0;
     std::size_t m_expanded = 0;
