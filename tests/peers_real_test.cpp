@@ -1,6 +1,7 @@
 // A big program beside addr2line and llvm-symbolizer: this test program itself, of which a build that tests
 // everything makes one with more than 50 MB of debug information of a version that is read (the option
-// ORN_TEST_OWN_DEBUG_INFO). ORN_PEERS_MODULE names another one.
+// ORN_TEST_OWN_DEBUG_INFO). ORN_PEERS_MODULE names another one, and ORN_PEERS_COMPILER
+// the compiler that it is from.
 
 #include "support/peer_comparison.h"
 #include "support/real_module.h"
@@ -20,38 +21,35 @@ namespace {
 
 struct BigModule {
     std::string path;
+    std::string compiler;
     bool isReadable; ///< whether its debug information is of a version that is read
 };
 
 BigModule bigModule() {
     if (const char* path = std::getenv("ORN_PEERS_MODULE"))
-        return {path, true};
+        return {path, std::getenv("ORN_PEERS_COMPILER") ? std::getenv("ORN_PEERS_COMPILER") : "g++", true};
 #ifdef ORN_TEST_OWN_DEBUG_INFO
     constexpr bool isReadable = true;
 #else
     constexpr bool isReadable = false;
 #endif
-    return {std::filesystem::read_symlink("/proc/self/exe").string(), isReadable};
+    return {std::filesystem::read_symlink("/proc/self/exe").string(), "g++", isReadable};
 }
 
-/// Each byte of code is as likely as any other one.
-std::vector<std::uint64_t> randomCode(const ReadelfModule& elf, std::size_t count) {
-    std::vector<const ElfSection*> sections;
+/// Each byte of a function is as likely as any other one.
+std::vector<std::uint64_t> randomCode(const ProgramFacts& facts, std::size_t count) {
+    const auto ranges = facts.functionRanges();
     std::uint64_t size = 0;
-    for (const ElfSection& section : elf.sections) {
-        if (section.type != "PROGBITS" || !section.has('X'))
-            continue;
-        sections.push_back(&section);
-        size += section.size;
-    }
+    for (const auto& [begin, end] : ranges)
+        size += end - begin;
     std::vector<std::uint64_t> addresses;
     std::mt19937_64 random(1);
     while (addresses.size() < count && size != 0) {
         std::uint64_t offset = random() % size;
-        auto section = sections.begin();
-        for (; offset >= (*section)->size; ++section)
-            offset -= (*section)->size;
-        addresses.push_back((*section)->address + offset);
+        auto range = ranges.begin();
+        for (; offset >= range->second - range->first; ++range)
+            offset -= range->second - range->first;
+        addresses.push_back(range->first + offset);
     }
     return addresses;
 }
@@ -76,17 +74,20 @@ TEST(PeersRealTest, ABigProgramAnswersAsItDoesElsewhere) {
     }
 
     constexpr std::size_t count = 10000;
-    const std::vector<std::uint64_t> addresses = randomCode(elf, count);
+    const ProgramFacts facts(module.compiler, elf);
+    const std::vector<std::uint64_t> addresses = randomCode(facts, count);
     PeerLedger ledger;
-    compareAddresses({.name = "big program", .compiler = "g++", .path = module.path},
-                     ProgramFacts("g++", elf), addresses, std::vector<bool>(addresses.size(), false), ledger);
+    compareAddresses({.name = "big program", .compiler = module.compiler, .path = module.path}, facts,
+                     addresses, std::vector<bool>(addresses.size(), false), ledger);
     std::cout << ledger.text();
     EXPECT_EQ(ledger.unexplained(), "");
     EXPECT_EQ(ledger.overused(), "");
     for (Peer peer : {Peer::addr2line, Peer::llvm}) {
-        EXPECT_EQ(ledger.with(peer).asked, count);
-        EXPECT_GE(ledger.with(peer).shareOfInnermost(), 0.995) << nameOf(peer);
-        EXPECT_GE(ledger.with(peer).shareOfDepth(), 0.99) << nameOf(peer);
+        const Agreement& agreement = ledger.with(peer);
+        EXPECT_EQ(agreement.asked, count);
+        // The name of a symbol where calls are expanded is a mistake of addr2line's, as LLVM's answer shows.
+        EXPECT_GE(agreement.share(agreement.innermost + agreement.nameOfSymbol), 0.995) << nameOf(peer);
+        EXPECT_GE(agreement.share(agreement.depth), 0.99) << nameOf(peer);
     }
 }
 

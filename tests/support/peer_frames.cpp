@@ -62,6 +62,20 @@ PeerFrame frameOf(std::string_view function, std::string_view place, bool hasCol
     return {functionOf(function), fileOf(place.substr(0, colon)), numberOf(place.substr(colon + 1))};
 }
 
+/// Behind the bracket that closes the one at `begin`, and behind what a member function has there.
+std::size_t endOfParameters(const std::string& name, std::size_t begin) {
+    int depth = 0;
+    for (std::size_t at = begin; at < name.size(); ++at) {
+        depth += name[at] == '(' ? 1 : name[at] == ')' ? -1 : 0;
+        if (depth != 0)
+            continue;
+        constexpr std::string_view constant = " const";
+        const bool isConstant = name.compare(at + 1, constant.size(), constant) == 0;
+        return at + 1 + (isConstant ? constant.size() : 0);
+    }
+    return name.size();
+}
+
 bool isBlank(const PeerFrames& frames) {
     return std::all_of(frames.begin(), frames.end(),
                        [](const PeerFrame& frame) { return frame == PeerFrame(); });
@@ -206,11 +220,10 @@ std::string withoutSpaces(const std::string& name) {
     return kept;
 }
 
-std::string plainFunction(const std::string& name) {
+std::string qualifiedFunction(const std::string& name) {
     constexpr std::string_view unnamed = "(anonymous namespace)";
-    // An operator's own name may be made of brackets.
-    constexpr std::string_view callOperator = "operator()";
-    if (const std::size_t place = name.rfind(callOperator); place != std::string::npos)
+    constexpr std::string_view callOperator = "operator()"; // its name is made of brackets
+    if (name.rfind(callOperator) != std::string::npos)
         return std::string(callOperator);
     std::string plain;
     int depth = 0;
@@ -218,28 +231,43 @@ std::string plainFunction(const std::string& name) {
         const std::string_view rest = std::string_view(name).substr(at);
         if (rest.starts_with(unnamed)) {
             at += unnamed.size() - 1;
+        } else if (depth > 0 && rest[0] == '(') {
+            at = endOfParameters(name, at) - 1; // an expression may hold comparisons and shifts
         } else if (rest[0] == '<') {
             ++depth;
         } else if (rest[0] == '>') {
             --depth;
-        } else if (depth == 0 && rest[0] == ' ') {
+        } else if (depth > 0) {
+            continue;
+        } else if (rest[0] == ' ') {
             plain.clear(); // that was the type of the result
-        } else if (depth == 0 && (rest[0] == '(' || rest[0] == '[' || rest[0] == '.')) {
+        } else if (rest[0] == '(') {
+            at = endOfParameters(name, at);
+            if (name.compare(at, 2, "::") != 0)
+                break;
+            plain.clear(); // something local of that function follows
+        } else if (rest[0] == '[' || rest[0] == '.') {
             break;
-        } else if (depth == 0) {
+        } else {
             plain += rest[0];
         }
     }
-    const std::size_t scope = plain.rfind("::");
-    return scope == std::string::npos ? plain : plain.substr(scope + 2);
+    return plain;
+}
+
+std::string plainFunction(const std::string& name) {
+    const std::string qualified = qualifiedFunction(name);
+    const std::size_t scope = qualified.rfind("::");
+    return scope == std::string::npos ? qualified : qualified.substr(scope + 2);
 }
 
 std::string textOf(const PeerFrames& frames) {
     std::ostringstream text;
     if (frames.empty())
         text << "nothing";
+    constexpr std::size_t enough = 80; // names of instances of templates can be of any length
     for (const PeerFrame& frame : frames)
-        text << (&frame == &frames.front() ? "" : " < ") << frame.function << ' '
+        text << (&frame == &frames.front() ? "" : " < ") << frame.function.substr(0, enough) << ' '
              << frame.file.substr(frame.file.rfind('/') + 1) << ':' << frame.line;
     return text.str();
 }

@@ -49,7 +49,10 @@ std::vector<OurAnswer> askOurs(const std::string& module, const std::vector<std:
 /// Demanglers place them differently.
 std::string withoutSpaces(const std::string& name);
 
-/// What all ways of writing a function have in common: of "int ns::S<T>::f<U>(int) [clone .x]" it is "f".
+/// Of "int ns::S<T>::f<U>(int) [clone .x]" it is "ns::S::f".
+std::string qualifiedFunction(const std::string& name);
+
+/// What all ways of writing a function have in common: of the same it is "f".
 std::string plainFunction(const std::string& name);
 
 /// One line for people.

@@ -45,8 +45,16 @@ struct Rule {
     const char* name;
     const char* why;
     bool (*explains)(const Case&, const Difference&);
+    bool isSpelling;  ///< whether it is the same function, written in another way
     double mostOfAll; ///< the greatest share of all comparisons that it may explain
 };
+
+std::string demangled(const std::string& name) {
+    int status = 0;
+    const std::unique_ptr<char, decltype(&std::free)> text(
+        abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
+    return text ? text.get() : name;
+}
 
 bool sameName(const std::string& a, const std::string& b) {
     return withoutSpaces(a) == withoutSpaces(b);
@@ -58,7 +66,7 @@ bool samePlainName(const std::string& a, const std::string& b) {
 
 /// Without a scope and without parameters: what the name of an entry looks like, and no linkage name.
 bool isUnqualified(const std::string& name) {
-    if (name == "operator()")
+    if (name.starts_with("operator"))
         return true;
     const std::string outside = name.substr(0, name.find('<'));
     return outside.find("::") == std::string::npos && outside.find('(') == std::string::npos;
@@ -84,17 +92,10 @@ std::string unified(std::string name) {
     return name;
 }
 
-struct Signature {
-    std::string scope; ///< with the final "::"
-    std::string name;
-    std::string parameters;
-};
-
-Signature signatureOf(const std::string& function) {
-    const std::size_t bracket = std::min(function.find('('), function.size());
-    const std::size_t colons = function.rfind("::", bracket);
-    const std::size_t name = colons == std::string::npos ? 0 : colons + 2;
-    return {function.substr(0, name), function.substr(name, bracket - name), function.substr(bracket)};
+/// "ns::S::" of "ns::S::f".
+std::string scopeOf(const std::string& qualified) {
+    const std::size_t colons = qualified.rfind("::");
+    return colons == std::string::npos ? std::string() : qualified.substr(0, colons + 2);
 }
 
 // --- Addresses
@@ -171,18 +172,46 @@ bool isOutermostForInnermost(const Case& at, const Difference& difference) {
            at.facts.functionsAt(at.answers.address).contains(plainFunction(at.theirs().front().function));
 }
 
+/// Of the same name; addr2line, whose demangler is not LLVM's, writes it as we do, or it is the name of a
+/// lambda.
 bool isWayOfWriting(const Case& at, const Difference& difference) {
+    if (difference.field != Field::Function || at.peer != Peer::llvm)
+        return false;
+    const std::string& ours = at.ourFunction(difference);
+    const std::string& theirs = at.theirFunction(difference);
+    if (unified(ours) == unified(theirs))
+        return true;
+    const PeerFrames* addr2line = at.of(Peer::addr2line);
+    const bool isOurs = addr2line && addr2line->size() == at.ours().size() &&
+                        sameName((*addr2line)[difference.frame].function, ours);
+    const bool isLambda =
+        ours.find("{lambda(") != std::string::npos && theirs.find("'lambda") != std::string::npos;
+    return samePlainName(ours, theirs) && !isUnqualified(ours) && (isOurs || isLambda);
+}
+
+bool isNotDemangled(const Case& at, const Difference& difference) {
     return difference.field == Field::Function && at.peer == Peer::llvm &&
-           unified(at.ourFunction(difference)) == unified(at.theirFunction(difference));
+           at.theirFunction(difference).starts_with("_Z") &&
+           sameName(at.ourFunction(difference), demangled(at.theirFunction(difference)));
+}
+
+/// Of functions with the same code only one is left, and it has the names of all.
+bool isOtherNameOfSameCode(const Case& at, const Difference& difference) {
+    if (difference.field != Field::Function || !at.isOutermost(difference))
+        return false;
+    const std::set<std::string> names = at.facts.functionsAt(at.answers.address);
+    return !samePlainName(at.ourFunction(difference), at.theirFunction(difference)) &&
+           names.contains(plainFunction(at.ourFunction(difference))) &&
+           names.contains(plainFunction(at.theirFunction(difference)));
 }
 
 bool isInheritedConstructor(const Case& at, const Difference& difference) {
     if (difference.field != Field::Function || at.peer != Peer::llvm)
         return false;
-    const Signature ours = signatureOf(at.ourFunction(difference));
-    const Signature theirs = signatureOf(at.theirFunction(difference));
-    return theirs.scope.ends_with(theirs.name + "::") &&
-           ((ours.scope == theirs.scope && ours.parameters == theirs.parameters) || ours.scope.empty());
+    const std::string scope = scopeOf(qualifiedFunction(at.theirFunction(difference)));
+    const std::string ourScope = scopeOf(qualifiedFunction(at.ourFunction(difference)));
+    const std::string name = plainFunction(at.theirFunction(difference)) + "::";
+    return (scope == name || scope.ends_with("::" + name)) && (ourScope == scope || ourScope.empty());
 }
 
 bool isDataOfObjectFile(const Case& at, const Difference& difference) {
@@ -203,10 +232,22 @@ bool isElfutilsAlone(const Case& at, const Difference&) {
            samePlaces(at.ours(), *addr2line) && samePlaces(at.ours(), *llvm);
 }
 
-bool isDefinedInNamespace(const Case& at, const Difference& difference) {
-    return difference.field == Field::Depth && at.facts.isClang() && at.ours().size() == 1 &&
-           at.theirs().size() > 1 && at.ours().front().function.find("::") != std::string::npos &&
-           samePlainName(at.ours().front().function, at.theirs().back().function);
+/// clang keeps the definition of a function in the entry of its name space, and gcc that of a member of a
+/// local class in the entry of the class.
+bool isDefinedInside(const Case& at, const Difference& difference) {
+    if (difference.field != Field::Depth || at.ours().size() != 1 || at.theirs().size() < 2)
+        return false;
+    if (at.facts.isClang())
+        return at.ours().front().function.find("::") != std::string::npos &&
+               samePlainName(at.ours().front().function, at.theirs().back().function);
+    return at.answers.ours->rawSymbol.starts_with("_ZZ");
+}
+
+/// Nothing but the line 0 is known of the call.
+bool isCallWithoutLine(const Case& at, const Difference& difference) {
+    return difference.field == Field::File && difference.frame > 0 &&
+           at.ours()[difference.frame].file.empty() && at.ours()[difference.frame].line == 0 &&
+           at.theirs()[difference.frame].line == 0;
 }
 
 constexpr double any = 1;
@@ -218,39 +259,43 @@ constexpr Rule rules[] = {
     {"line without a function",
      "between functions: rows reach over padding, but no function covers the address, and we answer for "
      "functions",
-     isLineWithoutFunction, some},
+     isLineWithoutFunction, false, some},
     {"nearest symbol", "they name an address that no function covers after what stands in front of it",
-     isNearestSymbol, some},
+     isNearestSymbol, false, some},
     {"file of a FILE symbol", "without debug information they name the source file after the symbol table",
-     isFileSymbol, many},
+     isFileSymbol, false, many},
     {"row of an ended sequence", "eu-addr2line lets the last row reach beyond the end of its sequence",
-     isRowOfEndedSequence, some},
+     isRowOfEndedSequence, false, some},
     {"name of the entry", "an expanded function that was not declared before has the name of its entry",
-     isNameOfEntry, any},
+     isNameOfEntry, true, any},
     {"name in Fortran", "we give the name that was written, without the compiler's marks", isFortranName,
-     any},
+     true, any},
     {"program of Fortran", "the entry has the name that was written; the symbol table calls it MAIN__",
-     isFortranProgram, some},
+     isFortranProgram, true, some},
     {"way of writing", "demanglers write lambdas and parts that were split off in two ways", isWayOfWriting,
-     some},
+     true, some},
+    {"not demangled", "LLVM's demangler does not know every form of names", isNotDemangled, true, few},
+    {"other name of the same code", "of several functions with one code each program tells another one",
+     isOtherNameOfSameCode, true, few},
     {"inherited constructor",
      "LLVM's demangler names it after the class that inherits, the others after its own",
-     isInheritedConstructor, few},
+     isInheritedConstructor, true, few},
     {"name in the symbol table",
      "they name the outermost function after the symbol, which may be a part or a copy of it",
-     isNameInSymbolTable, some},
+     isNameInSymbolTable, true, some},
     {"data of an object file",
      "llvm-symbolizer does not tell the sections of an object file apart in its symbol table",
-     isDataOfObjectFile, few},
+     isDataOfObjectFile, false, few},
     {"name without the symbol table", "eu-addr2line takes the name of the entry alone",
-     isNameWithoutSymbolTable, some},
+     isNameWithoutSymbolTable, true, some},
     {"outermost for innermost", "addr2line gives the name of the symbol for the innermost function",
-     isOutermostForInnermost, some},
-    {"defined in a name space",
-     "entries of name spaces are not entered: what is defined inside one has no expanded calls",
-     isDefinedInNamespace, some},
+     isOutermostForInnermost, false, some},
+    {"defined inside",
+     "entries of name spaces and classes are not entered: what is defined inside one has no expanded calls",
+     isDefinedInside, false, many},
+    {"call without a line", "a call that has no line has no place", isCallWithoutLine, false, some},
     {"eu-addr2line alone", "it finds other levels at the edges of split blocks than the two others and we",
-     isElfutilsAlone, few},
+     isElfutilsAlone, false, few},
 };
 
 std::vector<Difference> differencesOf(const PeerFrames& ours, const PeerFrames& theirs) {
@@ -279,13 +324,9 @@ const Rule* ruleFor(const Case& at, const Difference& difference) {
     return found != std::end(rules) ? &*found : nullptr;
 }
 
+/// What a compiler appends to a name is no part of the scheme.
 std::string plainNameOfSymbol(const std::string& raw) {
-    int status = 0;
-    // What a compiler appends to a name is no part of the scheme.
-    const std::string name = raw.substr(0, raw.starts_with("_Z") ? raw.find('.') : std::string::npos);
-    const std::unique_ptr<char, decltype(&std::free)> text(
-        abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
-    return plainFunction(text ? text.get() : name);
+    return plainFunction(demangled(raw.substr(0, raw.starts_with("_Z") ? raw.find('.') : std::string::npos)));
 }
 
 } // namespace
@@ -342,6 +383,16 @@ std::vector<std::uint64_t> ProgramFacts::functionStarts() const {
     return starts;
 }
 
+std::vector<std::pair<std::uint64_t, std::uint64_t>> ProgramFacts::functionRanges() const {
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> ranges;
+    for (const auto& [start, function] : m_functions) {
+        const std::uint64_t begin = ranges.empty() ? start : std::max(start, ranges.back().second);
+        if (begin < function.end)
+            ranges.emplace_back(begin, function.end);
+    }
+    return ranges;
+}
+
 // --- PeerLedger
 
 void PeerLedger::compare(const std::string& program, const ProgramFacts& facts, const Answers& answers) {
@@ -352,19 +403,26 @@ void PeerLedger::compare(const std::string& program, const ProgramFacts& facts, 
         ++m_comparisons;
         Agreement& agreement = m_agreements[static_cast<std::size_t>(peer)];
         ++agreement.asked;
-        agreement.innermost += sayTheSame(at.ours(), at.theirs());
         agreement.depth += at.ours().size() == at.theirs().size();
         m_expanded += at.ours().size() > 1 || at.theirs().size() > 1;
         const std::vector<Difference> differences = differencesOf(at.ours(), at.theirs());
         m_equal += differences.empty();
         std::set<std::string> needed;
         bool isExplained = true;
+        bool isInnermost = true;
+        bool isNameOfSymbol = false;
         for (const Difference& difference : differences) {
             const Rule* rule = ruleFor(at, difference);
             if (rule)
                 needed.insert(rule->name);
             isExplained = isExplained && rule;
+            if (difference.frame != 0 || (rule && rule->isSpelling))
+                continue;
+            isNameOfSymbol = isInnermost && rule && rule->explains == isOutermostForInnermost;
+            isInnermost = false;
         }
+        agreement.innermost += isInnermost;
+        agreement.nameOfSymbol += isNameOfSymbol;
         for (const std::string& name : needed)
             ++m_counts[name];
         if (isExplained)
@@ -377,15 +435,6 @@ void PeerLedger::compare(const std::string& program, const ProgramFacts& facts, 
              << "\n    but " << nameOf(peer) << " says " << textOf(at.theirs()) << '\n';
         m_unexplained += line.str();
     }
-}
-
-/// Of the innermost frame; of its function, the name that was written.
-bool PeerLedger::sayTheSame(const PeerFrames& ours, const PeerFrames& theirs) {
-    if (ours.empty() || theirs.empty())
-        return ours.empty() && theirs.empty();
-    const PeerFrame& mine = ours.front();
-    const PeerFrame& other = theirs.front();
-    return samePlainName(mine.function, other.function) && mine.file == other.file && mine.line == other.line;
 }
 
 std::string PeerLedger::overused() const {

@@ -11,6 +11,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orn_test {
@@ -36,6 +37,8 @@ public:
     bool isDataOfObjectFile(const std::string& name) const { return m_dataOfObjectFile.contains(name); }
     /// Where functions start, in order.
     std::vector<std::uint64_t> functionStarts() const;
+    /// [begin, end) of functions, in order and without overlaps.
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> functionRanges() const;
 
 private:
     struct Function {
@@ -62,14 +65,12 @@ struct Answers {
 /// How often a program and we say the same.
 struct Agreement {
     std::size_t asked = 0;
-    std::size_t innermost = 0; ///< function, file and line
+    std::size_t innermost = 0;    ///< function, file and line, however the function is written
+    std::size_t nameOfSymbol = 0; ///< file and line; its function is the one of the symbol table
     std::size_t depth = 0;
 
-    double shareOfInnermost() const {
-        return asked ? static_cast<double>(innermost) / static_cast<double>(asked) : 0;
-    }
-    double shareOfDepth() const {
-        return asked ? static_cast<double>(depth) / static_cast<double>(asked) : 0;
+    double share(std::size_t part) const {
+        return asked ? static_cast<double>(part) / static_cast<double>(asked) : 0;
     }
 };
 
@@ -92,8 +93,6 @@ public:
     std::string text() const;
 
 private:
-    static bool sayTheSame(const PeerFrames& ours, const PeerFrames& theirs);
-
     std::array<Agreement, allPeers.size()> m_agreements;
     std::size_t m_comparisons = 0;
     std::size_t m_equal = 0;
