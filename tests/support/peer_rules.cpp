@@ -282,7 +282,7 @@ constexpr Rule rules[] = {
      isInheritedConstructor, true, few},
     {"name in the symbol table",
      "they name the outermost function after the symbol, which may be a part or a copy of it",
-     isNameInSymbolTable, true, some},
+     isNameInSymbolTable, true, many},
     {"data of an object file",
      "llvm-symbolizer does not tell the sections of an object file apart in its symbol table",
      isDataOfObjectFile, false, few},
@@ -452,6 +452,14 @@ std::string PeerLedger::text() const {
     std::ostringstream text;
     text << m_comparisons << " comparisons, " << m_expanded << " with expanded calls; " << m_equal
          << " equal, " << m_unexplainedCount << " unexplained\n";
+    for (Peer peer : allPeers) {
+        const Agreement& agreement = with(peer);
+        if (agreement.asked == 0)
+            continue;
+        text << std::fixed << std::setprecision(2) << "  as " << nameOf(peer)
+             << ": innermost function, file and line " << 100 * agreement.share(agreement.innermost)
+             << " %, depth " << 100 * agreement.share(agreement.depth) << " % of " << agreement.asked << '\n';
+    }
     for (const Rule& rule : rules) {
         if (const auto count = m_counts.find(rule.name); count != m_counts.end())
             text << std::setw(9) << count->second << "  " << rule.name << ": " << rule.why << '\n';
