@@ -74,12 +74,12 @@ TEST(PeersRealTest, ABigProgramAnswersAsItDoesElsewhere) {
     }
 
     constexpr std::size_t count = 10000;
-    const ProgramFacts facts(module.compiler, elf);
+    const ProgramFacts facts(module.compiler, elf.symbols, elf.isRelocatable);
     const std::vector<std::uint64_t> addresses = randomCode(facts, count);
     PeerLedger ledger;
     compareAddresses({.name = "big program", .compiler = module.compiler, .path = module.path}, facts,
                      addresses, std::vector<bool>(addresses.size(), false), ledger);
-    std::cout << ledger.text();
+    std::cout << ledger.agreementText() << ledger.rulesText();
     EXPECT_EQ(ledger.unexplained(), "");
     EXPECT_EQ(ledger.overused(), "");
     for (Peer peer : {Peer::addr2line, Peer::llvm}) {

@@ -56,7 +56,7 @@ std::vector<std::uint64_t> chosen(const std::vector<std::uint64_t>& addresses,
 
 void compareWithPeers(const ComparedModule& module, const Sample& sample, PeerLedger& ledger) {
     const ReadelfModule elf(module.whole.empty() ? pathForPeers(module) : module.whole);
-    const ProgramFacts facts(module.compiler, elf);
+    const ProgramFacts facts(module.compiler, elf.symbols, elf.isRelocatable);
     std::vector<std::uint64_t> addresses = addressesOf(elf, sample.stride);
     std::vector<bool> isForElfutils;
     for (std::size_t i = 0; i < addresses.size(); ++i)

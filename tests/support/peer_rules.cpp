@@ -4,8 +4,6 @@
 
 #include "support/peer_rules.h"
 
-#include "support/real_module.h"
-
 #include <algorithm>
 #include <cstdlib>
 #include <cxxabi.h>
@@ -333,18 +331,20 @@ std::string plainNameOfSymbol(const std::string& raw) {
 
 // --- ProgramFacts
 
-ProgramFacts::ProgramFacts(const std::string& compiler, const ReadelfModule& elf) : m_compiler(compiler) {
-    for (const ElfSymbol& symbol : elf.symbols) {
+ProgramFacts::ProgramFacts(const std::string& compiler, const std::vector<ElfSymbol>& symbols,
+                           bool isObjectFile)
+    : m_compiler(compiler) {
+    for (const ElfSymbol& symbol : symbols) {
         if (symbol.type == "FILE") {
             m_files.insert(symbol.name);
             continue;
         }
         if (symbol.section == "UND" || symbol.section == "ABS")
             continue;
-        if (elf.isRelocatable && symbol.type != "FUNC")
+        if (isObjectFile && symbol.type != "FUNC")
             m_dataOfObjectFile.insert(symbol.name);
         const std::string name = plainNameOfSymbol(symbol.name);
-        if (symbol.type == "FUNC" || (symbol.type == "NOTYPE" && !elf.isRelocatable))
+        if (symbol.type == "FUNC" || (symbol.type == "NOTYPE" && !isObjectFile))
             m_symbols.emplace(symbol.value, name);
         if (symbol.type != "FUNC" || symbol.size == 0)
             continue;
@@ -448,21 +448,28 @@ std::string PeerLedger::overused() const {
     return text.str();
 }
 
-std::string PeerLedger::text() const {
+std::string PeerLedger::rulesText() const {
     std::ostringstream text;
     text << m_comparisons << " comparisons, " << m_expanded << " with expanded calls; " << m_equal
          << " equal, " << m_unexplainedCount << " unexplained\n";
-    for (Peer peer : allPeers) {
-        const Agreement& agreement = with(peer);
-        if (agreement.asked == 0)
-            continue;
-        text << std::fixed << std::setprecision(2) << "  as " << nameOf(peer)
-             << ": innermost function, file and line " << 100 * agreement.share(agreement.innermost)
-             << " %, depth " << 100 * agreement.share(agreement.depth) << " % of " << agreement.asked << '\n';
-    }
     for (const Rule& rule : rules) {
         if (const auto count = m_counts.find(rule.name); count != m_counts.end())
             text << std::setw(9) << count->second << "  " << rule.name << ": " << rule.why << '\n';
+    }
+    return text.str();
+}
+
+std::string PeerLedger::agreementText() const {
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(2);
+    for (Peer peer : allPeers) {
+        const Agreement& agreement = with(peer);
+        if (agreement.asked != 0)
+            text << "as " << nameOf(peer) << ", of " << agreement.asked
+                 << ": innermost function, file and line " << 100 * agreement.share(agreement.innermost)
+                 << " %, file and line but the name of the symbol "
+                 << 100 * agreement.share(agreement.nameOfSymbol) << " %, depth "
+                 << 100 * agreement.share(agreement.depth) << " %\n";
     }
     return text.str();
 }

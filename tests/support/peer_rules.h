@@ -4,6 +4,7 @@
 #define ORN_TEST_PEER_RULES_H
 
 #include "support/peer_frames.h"
+#include "support/real_module.h"
 
 #include <array>
 #include <cstddef>
@@ -16,13 +17,11 @@
 
 namespace orn_test {
 
-class ReadelfModule;
-
 /// What the rules may know of a program beside the answers: its symbol table and how it was made.
 class ProgramFacts {
 public:
     /// `compiler`: the word by which it is called.
-    ProgramFacts(const std::string& compiler, const ReadelfModule& elf);
+    ProgramFacts(const std::string& compiler, const std::vector<ElfSymbol>& symbols, bool isObjectFile);
 
     bool isFortran() const { return m_compiler == "gfortran"; }
     bool isClang() const { return m_compiler.starts_with("clang"); }
@@ -89,8 +88,9 @@ public:
     const std::string& unexplained() const { return m_unexplained; }
     /// One line for each rule that explains more than it may.
     std::string overused() const;
-    /// A table for people.
-    std::string text() const;
+    /// For people: how often each rule applied, and how far each program agrees.
+    std::string rulesText() const;
+    std::string agreementText() const;
 
 private:
     std::array<Agreement, allPeers.size()> m_agreements;
