@@ -176,19 +176,24 @@ TEST_F(PeersFormTest, ObjectFilesHaveFunctionsAndLines) {
     report(ledger);
 }
 
+// Of 32 bits only the older form: the size that the header of the newer one declares is read where one of 64
+// bits has it, and what stands there is no size that memory could hold.
 TEST_F(PeersFormTest, CompressedSectionsAnswerAsPlainOnesDo) {
     skipWithout("g++");
     if (IsSkipped())
         return;
     PeerLedger ledger;
-    for (const char* form : {"-gz=zlib", "-gz=zlib-gnu"}) {
-        for (const char* options : {"-O2 -gdwarf-4", "-O1 -gdwarf-2"}) {
-            const std::string all = std::string(options) + ' ' + form;
-            ASSERT_TRUE(compile(languageOf("g++"), all, "program"));
-            ASSERT_NE(commandOutput("readelf -SW '" + m_dir.path("program") + '\'').find("debug_info"),
-                      std::string::npos);
-            compareWithPeers({.name = all, .compiler = "g++", .path = m_dir.path("program")}, {7, 8}, ledger);
-        }
+    std::vector<std::string> forms = {"-O2 -gdwarf-4 -gz=zlib", "-O1 -gdwarf-2 -gz=zlib",
+                                      "-O1 -gdwarf-3 -gz=zlib-gnu"};
+    if (makesProgramsOf32Bits(languageOf("g++")))
+        forms.emplace_back("-O1 -gdwarf-4 -gz=zlib-gnu -m32");
+    for (const std::string& form : forms) {
+        ASSERT_TRUE(compile(languageOf("g++"), form, "program"));
+        const ReadelfModule elf(m_dir.path("program"));
+        const ElfSection* plain = elf.section(".debug_info");
+        ASSERT_TRUE(elf.section(".zdebug_info") || (plain && plain->has('C')))
+            << form << " compresses nothing";
+        compareWithPeers({.name = form, .compiler = "g++", .path = m_dir.path("program")}, {7, 8}, ledger);
     }
     report(ledger);
 }

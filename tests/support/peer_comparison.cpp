@@ -61,18 +61,21 @@ void compareWithPeers(const ComparedModule& module, const Sample& sample, PeerLe
     std::vector<bool> isForElfutils;
     for (std::size_t i = 0; i < addresses.size(); ++i)
         isForElfutils.push_back(sample.elfutilsShare != 0 && i % sample.elfutilsShare == 0);
+    const std::size_t sampled = addresses.size();
     if (!elf.isRelocatable) {
         for (std::uint64_t start : facts.functionStarts()) {
             addresses.push_back(start);
             isForElfutils.push_back(sample.elfutilsShare != 0);
         }
     }
-    compareAddresses(module, facts, addresses, isForElfutils, ledger);
+    const std::vector<OurAnswer> ours = compareAddresses(module, facts, addresses, isForElfutils, ledger);
+    for (std::size_t i = sampled; i < ours.size(); ++i)
+        EXPECT_EQ(ours[i].begin, addresses[i]) << module.name << ": " << textOf(ours[i].frames);
 }
 
-void compareAddresses(const ComparedModule& module, const ProgramFacts& facts,
-                      const std::vector<std::uint64_t>& addresses, const std::vector<bool>& isForElfutils,
-                      PeerLedger& ledger) {
+std::vector<OurAnswer> compareAddresses(const ComparedModule& module, const ProgramFacts& facts,
+                                        const std::vector<std::uint64_t>& addresses,
+                                        const std::vector<bool>& isForElfutils, PeerLedger& ledger) {
     const std::string& path = pathForPeers(module);
     std::vector<OurAnswer> ours = askOurs(module.path, addresses, module.ourOptions);
     EXPECT_EQ(ours.size(), addresses.size()) << module.path;
@@ -85,6 +88,7 @@ void compareAddresses(const ComparedModule& module, const ProgramFacts& facts,
         const PeerFrames* third = isForElfutils[i] ? &*next++ : nullptr;
         ledger.compare(module.name, facts, {addresses[i], &ours[i], {&addr2line[i], &llvm[i], third}});
     }
+    return ours;
 }
 
 } // namespace orn_test

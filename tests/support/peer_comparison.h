@@ -30,13 +30,15 @@ struct Sample {
     std::size_t elfutilsShare;
 };
 
-/// Fails the running test where a program does not answer.
+/// Fails the running test where a program does not answer, and where our symbol at the start of a function
+/// starts elsewhere.
 void compareWithPeers(const ComparedModule& module, const Sample& sample, PeerLedger& ledger);
 
-/// The same for given addresses. eu-addr2line gets those for which `isForElfutils` is set.
-void compareAddresses(const ComparedModule& module, const ProgramFacts& facts,
-                      const std::vector<std::uint64_t>& addresses, const std::vector<bool>& isForElfutils,
-                      PeerLedger& ledger);
+/// Compares at the given addresses alone; gives our answers. eu-addr2line gets those for which
+/// `isForElfutils` is set.
+std::vector<OurAnswer> compareAddresses(const ComparedModule& module, const ProgramFacts& facts,
+                                        const std::vector<std::uint64_t>& addresses,
+                                        const std::vector<bool>& isForElfutils, PeerLedger& ledger);
 
 } // namespace orn_test
 
