@@ -124,6 +124,16 @@ TEST(SupportPeerRules, FortranNamesAreTheOnesThatWereWritten) {
     EXPECT_FALSE(isExplained(insideOuter, ours, {{"MAIN__", "/a.f90", 9}}, "gfortran"));
 }
 
+TEST(SupportPeerRules, InstancesOfTemplatesMayBeWrittenInAnotherFormAtOnePlace) {
+    const PeerFrames ours = {{"leaf<<unnamed enum> >", "/a.c", 3}, {"outer", "/a.c", 9}};
+    EXPECT_TRUE(
+        isExplained(insideOuter, ours, {{"x leaf<._anon_1>::y(int)", "/a.c", 3}, {"outer", "/a.c", 9}}));
+    EXPECT_FALSE(
+        isExplained(insideOuter, ours, {{"x bough<._anon_1>::y(int)", "/a.c", 3}, {"outer", "/a.c", 9}}));
+    EXPECT_FALSE(
+        isExplained(insideOuter, ours, {{"x leaf<._anon_1>::y(int)", "/a.c", 4}, {"outer", "/a.c", 9}}));
+}
+
 TEST(SupportPeerRules, ARuleThatExplainsTooMuchIsReported) {
     const PeerLedger ledger = compared(behindOuter, {}, {{{"", "/a.c", 9}}, {{"", "/a.c", 9}}});
     EXPECT_EQ(ledger.unexplained(), "");

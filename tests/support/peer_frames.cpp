@@ -233,6 +233,8 @@ std::string qualifiedFunction(const std::string& name) {
             at += unnamed.size() - 1;
         } else if (depth > 0 && rest[0] == '(') {
             at = endOfParameters(name, at) - 1; // an expression may hold comparisons and shifts
+        } else if (rest[0] == '{') {
+            at = std::min(name.find('}', at), name.size()); // "{lambda(int)#1}"
         } else if (rest[0] == '<') {
             ++depth;
         } else if (rest[0] == '>') {

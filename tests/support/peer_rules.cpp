@@ -43,8 +43,8 @@ struct Rule {
     const char* name;
     const char* why;
     bool (*explains)(const Case&, const Difference&);
-    bool isSpelling;  ///< whether it is the same function, written in another way
-    double mostOfAll; ///< the greatest share of all comparisons that it may explain
+    bool isSameAnswer; ///< whether both mean the same
+    double mostOfAll;  ///< the greatest share of all comparisons that it may explain
 };
 
 std::string demangled(const std::string& name) {
@@ -52,6 +52,11 @@ std::string demangled(const std::string& name) {
     const std::unique_ptr<char, decltype(&std::free)> text(
         abi::__cxa_demangle(name.c_str(), nullptr, nullptr, &status), &std::free);
     return text ? text.get() : name;
+}
+
+/// What a compiler appends to a name is no part of the scheme.
+std::string plainNameOfSymbol(const std::string& raw) {
+    return plainFunction(demangled(raw.substr(0, raw.starts_with("_Z") ? raw.find('.') : std::string::npos)));
 }
 
 bool sameName(const std::string& a, const std::string& b) {
@@ -68,6 +73,11 @@ bool isUnqualified(const std::string& name) {
         return true;
     const std::string outside = name.substr(0, name.find('<'));
     return outside.find("::") == std::string::npos && outside.find('(') == std::string::npos;
+}
+
+/// What demanglers make of a name, or what they could not read.
+bool isMangledForm(const std::string& name) {
+    return name.starts_with("_Z") || name.find('(') != std::string::npos;
 }
 
 bool samePlaces(const PeerFrames& a, const PeerFrames& b) {
@@ -149,10 +159,31 @@ bool isFortranProgram(const Case& at, const Difference& difference) {
            at.facts.functionsAt(at.answers.address).contains("MAIN__");
 }
 
+/// Names of instances for types that have none can be anything; then the word that was written has to do.
 bool isNameInSymbolTable(const Case& at, const Difference& difference) {
-    return difference.field == Field::Function && at.isOutermost(difference) &&
-           samePlainName(at.ourFunction(difference), at.theirFunction(difference)) &&
-           at.facts.functionsAt(at.answers.address).contains(plainFunction(at.theirFunction(difference)));
+    if (difference.field != Field::Function || !at.isOutermost(difference))
+        return false;
+    const std::string& ours = at.ourFunction(difference);
+    const std::string& theirs = at.theirFunction(difference);
+    if (samePlainName(ours, theirs) &&
+        at.facts.functionsAt(at.answers.address).contains(plainFunction(theirs)))
+        return true;
+    const std::string word = ours.starts_with("operator") ? "operator" : ours.substr(0, ours.find('<'));
+    return isUnqualified(ours) && ours.find('<') != std::string::npos &&
+           theirs.find(word) != std::string::npos && at.facts.isWordOfFunctionAt(at.answers.address, word);
+}
+
+/// An instance of a template; the word that was written is the same, and so is the place.
+bool isOtherForm(const Case& at, const Difference& difference) {
+    if (difference.field != Field::Function)
+        return false;
+    const PeerFrame& ours = at.ours()[difference.frame];
+    const PeerFrame& theirs = at.theirs()[difference.frame];
+    const std::string plain = plainFunction(ours.function);
+    const std::string word = plain.starts_with("operator") ? "operator" : plain;
+    return !word.empty() && ours.file == theirs.file && ours.line == theirs.line && ours.line != 0 &&
+           ours.function.find('<') != std::string::npos && theirs.function.find('<') != std::string::npos &&
+           theirs.function.find(word) != std::string::npos;
 }
 
 bool isNameWithoutSymbolTable(const Case& at, const Difference& difference) {
@@ -170,8 +201,7 @@ bool isOutermostForInnermost(const Case& at, const Difference& difference) {
            at.facts.functionsAt(at.answers.address).contains(plainFunction(at.theirs().front().function));
 }
 
-/// Of the same name; addr2line, whose demangler is not LLVM's, writes it as we do, or it is the name of a
-/// lambda.
+/// addr2line, whose demangler is not LLVM's, writes it as we do, or it is the name of a lambda.
 bool isWayOfWriting(const Case& at, const Difference& difference) {
     if (difference.field != Field::Function || at.peer != Peer::llvm)
         return false;
@@ -184,13 +214,17 @@ bool isWayOfWriting(const Case& at, const Difference& difference) {
                         sameName((*addr2line)[difference.frame].function, ours);
     const bool isLambda =
         ours.find("{lambda(") != std::string::npos && theirs.find("'lambda") != std::string::npos;
-    return samePlainName(ours, theirs) && !isUnqualified(ours) && (isOurs || isLambda);
+    return (isOurs && isMangledForm(ours)) || (isLambda && samePlainName(ours, theirs));
 }
 
+/// It is the name that we demangle, or that of the symbol there.
 bool isNotDemangled(const Case& at, const Difference& difference) {
-    return difference.field == Field::Function && at.peer == Peer::llvm &&
-           at.theirFunction(difference).starts_with("_Z") &&
-           sameName(at.ourFunction(difference), demangled(at.theirFunction(difference)));
+    if (difference.field != Field::Function || !at.theirFunction(difference).starts_with("_Z"))
+        return false;
+    const std::string& theirs = at.theirFunction(difference);
+    const bool isOfSymbol = at.isOutermost(difference) && isUnqualified(at.ourFunction(difference)) &&
+                            at.facts.functionsAt(at.answers.address).contains(plainNameOfSymbol(theirs));
+    return isOfSymbol || sameName(at.ourFunction(difference), demangled(theirs));
 }
 
 /// Of functions with the same code only one is left, and it has the names of all.
@@ -203,13 +237,19 @@ bool isOtherNameOfSameCode(const Case& at, const Difference& difference) {
            names.contains(plainFunction(at.theirFunction(difference)));
 }
 
+/// One has the name of the class that the scope says, the other one that of the class which it inherits from.
 bool isInheritedConstructor(const Case& at, const Difference& difference) {
-    if (difference.field != Field::Function || at.peer != Peer::llvm)
+    if (difference.field != Field::Function)
         return false;
-    const std::string scope = scopeOf(qualifiedFunction(at.theirFunction(difference)));
-    const std::string ourScope = scopeOf(qualifiedFunction(at.ourFunction(difference)));
-    const std::string name = plainFunction(at.theirFunction(difference)) + "::";
-    return (scope == name || scope.ends_with("::" + name)) && (ourScope == scope || ourScope.empty());
+    const std::string ours = qualifiedFunction(at.ourFunction(difference));
+    const std::string theirs = qualifiedFunction(at.theirFunction(difference));
+    const auto isConstructorOf = [](const std::string& scope, const std::string& name) {
+        return scope == name + "::" || scope.ends_with("::" + name + "::");
+    };
+    const std::string scope = scopeOf(theirs);
+    const bool isOfScope =
+        isConstructorOf(scope, plainFunction(theirs)) || isConstructorOf(scope, plainFunction(ours));
+    return isOfScope && (scopeOf(ours) == scope || scopeOf(ours).empty());
 }
 
 bool isDataOfObjectFile(const Case& at, const Difference& difference) {
@@ -252,6 +292,7 @@ constexpr double any = 1;
 constexpr double many = 0.2;
 constexpr double some = 0.1;
 constexpr double few = 0.02;
+constexpr double rare = 0.002;
 
 constexpr Rule rules[] = {
     {"line without a function",
@@ -261,7 +302,7 @@ constexpr Rule rules[] = {
     {"nearest symbol", "they name an address that no function covers after what stands in front of it",
      isNearestSymbol, false, some},
     {"file of a FILE symbol", "without debug information they name the source file after the symbol table",
-     isFileSymbol, false, many},
+     isFileSymbol, true, many},
     {"row of an ended sequence", "eu-addr2line lets the last row reach beyond the end of its sequence",
      isRowOfEndedSequence, false, some},
     {"name of the entry", "an expanded function that was not declared before has the name of its entry",
@@ -270,13 +311,13 @@ constexpr Rule rules[] = {
      true, any},
     {"program of Fortran", "the entry has the name that was written; the symbol table calls it MAIN__",
      isFortranProgram, true, some},
-    {"way of writing", "demanglers write lambdas and parts that were split off in two ways", isWayOfWriting,
-     true, some},
-    {"not demangled", "LLVM's demangler does not know every form of names", isNotDemangled, true, few},
+    {"way of writing", "LLVM's demangler writes some names in another way than the other ones",
+     isWayOfWriting, true, some},
+    {"not demangled", "not every demangler reads every name", isNotDemangled, true, few},
     {"other name of the same code", "of several functions with one code each program tells another one",
      isOtherNameOfSameCode, true, few},
     {"inherited constructor",
-     "LLVM's demangler names it after the class that inherits, the others after its own",
+     "some name it after the class that inherits, others after the class whose own it is",
      isInheritedConstructor, true, few},
     {"name in the symbol table",
      "they name the outermost function after the symbol, which may be a part or a copy of it",
@@ -294,6 +335,8 @@ constexpr Rule rules[] = {
     {"call without a line", "a call that has no line has no place", isCallWithoutLine, false, some},
     {"eu-addr2line alone", "it finds other levels at the edges of split blocks than the two others and we",
      isElfutilsAlone, false, few},
+    {"other form of the name", "demanglers disagree on names of instances for types that have none",
+     isOtherForm, true, rare},
 };
 
 std::vector<Difference> differencesOf(const PeerFrames& ours, const PeerFrames& theirs) {
@@ -322,11 +365,6 @@ const Rule* ruleFor(const Case& at, const Difference& difference) {
     return found != std::end(rules) ? &*found : nullptr;
 }
 
-/// What a compiler appends to a name is no part of the scheme.
-std::string plainNameOfSymbol(const std::string& raw) {
-    return plainFunction(demangled(raw.substr(0, raw.starts_with("_Z") ? raw.find('.') : std::string::npos)));
-}
-
 } // namespace
 
 // --- ProgramFacts
@@ -348,19 +386,35 @@ ProgramFacts::ProgramFacts(const std::string& compiler, const std::vector<ElfSym
             m_symbols.emplace(symbol.value, name);
         if (symbol.type != "FUNC" || symbol.size == 0)
             continue;
-        m_functions.emplace(symbol.value, Function{symbol.value + symbol.size, name});
+        m_functions.emplace(symbol.value, Function{symbol.value + symbol.size, name, symbol.name});
         m_longest = std::max(m_longest, symbol.size);
+    }
+}
+
+template <typename Visit>
+void ProgramFacts::visitFunctionsAt(std::uint64_t address, const Visit& visit) const {
+    auto function = m_functions.lower_bound(address > m_longest ? address - m_longest : 0);
+    for (; function != m_functions.end() && function->first <= address; ++function) {
+        if (address < function->second.end)
+            visit(function->second);
     }
 }
 
 std::set<std::string> ProgramFacts::functionsAt(std::uint64_t address) const {
     std::set<std::string> names;
-    auto function = m_functions.lower_bound(address > m_longest ? address - m_longest : 0);
-    for (; function != m_functions.end() && function->first <= address; ++function) {
-        if (address < function->second.end)
-            names.insert(function->second.name);
-    }
+    visitFunctionsAt(address, [&names](const Function& function) { names.insert(function.name); });
     return names;
+}
+
+bool ProgramFacts::isWordOfFunctionAt(std::uint64_t address, const std::string& word) const {
+    bool isWord = false;
+    visitFunctionsAt(address, [&](const Function& function) {
+        // An operator has no word in a mangled name; a conversion is one that not every demangler reads.
+        const bool isConversion = word == "operator" && function.raw.find("cv") != std::string::npos;
+        const std::string name = word == "operator" ? demangled(function.raw) : function.raw;
+        isWord = isWord || isConversion || name.find(word) != std::string::npos;
+    });
+    return isWord;
 }
 
 std::set<std::string> ProgramFacts::symbolsBefore(std::uint64_t address) const {
@@ -416,7 +470,7 @@ void PeerLedger::compare(const std::string& program, const ProgramFacts& facts, 
             if (rule)
                 needed.insert(rule->name);
             isExplained = isExplained && rule;
-            if (difference.frame != 0 || (rule && rule->isSpelling))
+            if (difference.frame != 0 || (rule && rule->isSameAnswer))
                 continue;
             isNameOfSymbol = isInnermost && rule && rule->explains == isOutermostForInnermost;
             isInnermost = false;

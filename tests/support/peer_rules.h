@@ -29,6 +29,8 @@ public:
     bool isInFunction(std::uint64_t address) const { return !functionsAt(address).empty(); }
     /// Plain names of the functions of the symbol table that cover the address.
     std::set<std::string> functionsAt(std::uint64_t address) const;
+    /// Whether one of those functions has the word in its mangled name.
+    bool isWordOfFunctionAt(std::uint64_t address, const std::string& word) const;
     /// Plain names of the symbols that stand nearest in front of the address, or at it.
     std::set<std::string> symbolsBefore(std::uint64_t address) const;
     bool isFileSymbol(const std::string& name) const { return m_files.contains(name); }
@@ -43,7 +45,11 @@ private:
     struct Function {
         std::uint64_t end;
         std::string name;
+        std::string raw;
     };
+
+    template <typename Visit>
+    void visitFunctionsAt(std::uint64_t address, const Visit& visit) const;
 
     std::string m_compiler;
     std::multimap<std::uint64_t, Function> m_functions; ///< those with a size
