@@ -80,6 +80,13 @@ bool isMangledForm(const std::string& name) {
     return name.starts_with("_Z") || name.find('(') != std::string::npos;
 }
 
+/// What a person wrote to name the function; of an operator the word alone.
+std::string wordOf(const std::string& function) {
+    const std::string name =
+        isUnqualified(function) ? function.substr(0, function.find('<')) : plainFunction(function);
+    return name.starts_with("operator") ? "operator" : name;
+}
+
 bool samePlaces(const PeerFrames& a, const PeerFrames& b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const PeerFrame& x, const PeerFrame& y) {
         return x.file == y.file && x.line == y.line;
@@ -168,7 +175,7 @@ bool isNameInSymbolTable(const Case& at, const Difference& difference) {
     if (samePlainName(ours, theirs) &&
         at.facts.functionsAt(at.answers.address).contains(plainFunction(theirs)))
         return true;
-    const std::string word = ours.starts_with("operator") ? "operator" : ours.substr(0, ours.find('<'));
+    const std::string word = wordOf(ours);
     return isUnqualified(ours) && ours.find('<') != std::string::npos &&
            theirs.find(word) != std::string::npos && at.facts.isWordOfFunctionAt(at.answers.address, word);
 }
@@ -179,8 +186,7 @@ bool isOtherForm(const Case& at, const Difference& difference) {
         return false;
     const PeerFrame& ours = at.ours()[difference.frame];
     const PeerFrame& theirs = at.theirs()[difference.frame];
-    const std::string plain = plainFunction(ours.function);
-    const std::string word = plain.starts_with("operator") ? "operator" : plain;
+    const std::string word = wordOf(ours.function);
     return !word.empty() && ours.file == theirs.file && ours.line == theirs.line && ours.line != 0 &&
            ours.function.find('<') != std::string::npos && theirs.function.find('<') != std::string::npos &&
            theirs.function.find(word) != std::string::npos;
@@ -192,13 +198,18 @@ bool isNameWithoutSymbolTable(const Case& at, const Difference& difference) {
            samePlainName(at.ourFunction(difference), at.theirFunction(difference));
 }
 
-/// The third one says what we say.
+/// LLVM says what we say.
 bool isOutermostForInnermost(const Case& at, const Difference& difference) {
     const PeerFrames* llvm = at.of(Peer::llvm);
-    return difference.field == Field::Function && difference.frame == 0 && at.peer == Peer::addr2line &&
-           at.ours().size() > 1 && llvm && llvm->size() == at.ours().size() &&
-           samePlainName(llvm->front().function, at.ours().front().function) &&
-           at.facts.functionsAt(at.answers.address).contains(plainFunction(at.theirs().front().function));
+    if (difference.field != Field::Function || difference.frame != 0 || at.peer != Peer::addr2line ||
+        at.ours().size() < 2 || !llvm || llvm->size() != at.ours().size() ||
+        !samePlainName(llvm->front().function, at.ours().front().function))
+        return false;
+    const std::string& theirs = at.theirs().front().function;
+    if (at.facts.functionsAt(at.answers.address).contains(plainFunction(theirs)))
+        return true;
+    const std::string word = wordOf(at.ours().back().function);
+    return theirs.find(word) != std::string::npos && at.facts.isWordOfFunctionAt(at.answers.address, word);
 }
 
 /// addr2line, whose demangler is not LLVM's, writes it as we do, or it is the name of a lambda.
