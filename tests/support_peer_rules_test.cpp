@@ -116,6 +116,16 @@ TEST(SupportPeerRules, TheSymbolForTheInnermostFunctionIsAddr2linesAlone) {
     EXPECT_NE(compared(insideOuter, chain, {wrong, wrong}).unexplained(), "");
 }
 
+TEST(SupportPeerRules, AMissingLineIsAddr2linesAloneAndAtAddressesThatEndIn0xff) {
+    const PeerFrames ours = {{"outer", "/a.c", 9}};
+    const PeerFrames none = {{"outer", "", 0}};
+    EXPECT_EQ(compared(0x10ff, ours, {none, ours}).unexplained(), "");
+    EXPECT_NE(compared(0x10fe, ours, {none, ours}).unexplained(), "");
+    EXPECT_NE(compared(0x10ff, ours, {ours, none}).unexplained(), "");
+    EXPECT_NE(compared(0x10ff, ours, {none, none}).unexplained(), "");
+    EXPECT_NE(compared(0x10ff, none, {ours, ours}).unexplained(), "");
+}
+
 TEST(SupportPeerRules, FortranNamesAreTheOnesThatWereWritten) {
     const PeerFrames ours = {{"outer", "/a.f90", 9}};
     EXPECT_TRUE(isExplained(insideOuter, ours, {{"outer_", "/a.f90", 9}}, "gfortran"));

@@ -199,17 +199,24 @@ bool isNameWithoutSymbolTable(const Case& at, const Difference& difference) {
 }
 
 /// LLVM says what we say.
-bool isOutermostForInnermost(const Case& at, const Difference& difference) {
+bool isNameOfOutermost(const Case& at, const Difference& difference) {
     const PeerFrames* llvm = at.of(Peer::llvm);
-    if (difference.field != Field::Function || difference.frame != 0 || at.peer != Peer::addr2line ||
-        at.ours().size() < 2 || !llvm || llvm->size() != at.ours().size() ||
-        !samePlainName(llvm->front().function, at.ours().front().function))
+    if (difference.field != Field::Function || at.peer != Peer::addr2line || at.isOutermost(difference) ||
+        !llvm || llvm->size() != at.ours().size() ||
+        !samePlainName((*llvm)[difference.frame].function, at.ourFunction(difference)))
         return false;
-    const std::string& theirs = at.theirs().front().function;
+    const std::string& theirs = at.theirFunction(difference);
     if (at.facts.functionsAt(at.answers.address).contains(plainFunction(theirs)))
         return true;
     const std::string word = wordOf(at.ours().back().function);
     return theirs.find(word) != std::string::npos && at.facts.isWordOfFunctionAt(at.answers.address, word);
+}
+
+/// LLVM says what we say. Without a line addr2line knows of no expanded calls either.
+bool isLineThatAddr2lineMisses(const Case& at, const Difference&) {
+    const PeerFrames* llvm = at.of(Peer::llvm);
+    return at.peer == Peer::addr2line && (at.answers.address & 0xff) == 0xff && at.theirs().size() == 1 &&
+           at.theirs().front().line == 0 && llvm && samePlaces(*llvm, at.ours());
 }
 
 /// addr2line, whose demangler is not LLVM's, writes it as we do, or it is the name of a lambda.
@@ -338,8 +345,10 @@ constexpr Rule rules[] = {
      isDataOfObjectFile, false, few},
     {"name without the symbol table", "eu-addr2line takes the name of the entry alone",
      isNameWithoutSymbolTable, true, some},
-    {"outermost for innermost", "addr2line gives the name of the symbol for the innermost function",
-     isOutermostForInnermost, false, some},
+    {"name of the symbol", "addr2line gives the name of the symbol for an expanded function",
+     isNameOfOutermost, false, some},
+    {"line that addr2line misses", "addr2line has no line for some addresses that end in 0xff",
+     isLineThatAddr2lineMisses, false, rare},
     {"defined inside",
      "entries of name spaces and classes are not entered: what is defined inside one has no expanded calls",
      isDefinedInside, false, many},
@@ -483,7 +492,7 @@ void PeerLedger::compare(const std::string& program, const ProgramFacts& facts, 
             isExplained = isExplained && rule;
             if (difference.frame != 0 || (rule && rule->isSameAnswer))
                 continue;
-            isNameOfSymbol = isInnermost && rule && rule->explains == isOutermostForInnermost;
+            isNameOfSymbol = isInnermost && rule && rule->explains == isNameOfOutermost;
             isInnermost = false;
         }
         agreement.innermost += isInnermost;
