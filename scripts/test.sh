@@ -139,7 +139,7 @@ runBuild() {
 }
 
 debugBuild() {
-    configure debug build-debug -DORN_WERROR=ON -DORN_BUILD_BENCH=ON
+    configure debug build-debug -DORN_WERROR=ON -DORN_BUILD_BENCH=ON -DORN_TEST_OWN_DEBUG_INFO=ON
     runBuild build-debug
 }
 
