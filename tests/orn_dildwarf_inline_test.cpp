@@ -78,6 +78,7 @@ TEST_F(DwarfInlineTest, ANestedOneIsFoundOnlyAfterItsParentWasRead) {
 }
 
 TEST_F(DwarfInlineTest, TheInstanceKnowsItsCallAndItsFunction) {
+    m_module.unit().endUnit();
     unit();
     m_module.openFunction("f", 0x1000, 0x100);
     m_module.leaf(DW_TAG_inlined_subroutine,
@@ -100,7 +101,7 @@ TEST_F(DwarfInlineTest, TheInstanceKnowsItsCallAndItsFunction) {
     EXPECT_EQ(callSite->line(), 7u);
     EXPECT_EQ(callSite->column(), 3u);
     EXPECT_EQ(callSite->extra(), 9u);
-    EXPECT_EQ(callSite->symbolId(), 0u);
+    EXPECT_EQ(callSite->symbolId(), m_module.dwarf.unitOffset(1));
     EXPECT_EQ(instance->hasCallSite(), 1) << "it stays when the location is made";
     SymMgrObjectPtr<ISourceLocation> again;
     instance->callSite(again);
@@ -220,6 +221,47 @@ TEST_F(DwarfInlineTest, TheSameBaseStaysForOtherCompilers) {
     m_module.openFunction("f", 0x1000, 0x100);
     m_module.leaf(DW_TAG_inlined_subroutine, M::origin("a") + M::ranges(0)).close().endUnit();
     EXPECT_THAT(below(0x1000), ElementsAre("a 0x2010-0x2020"));
+}
+
+TEST_F(DwarfInlineTest, TheSameBaseStaysForOldVersionsOfThatCompiler) {
+    m_module.pair(~0ULL, 0x1000).pair(0x1010, 0x1020).pair(0, 0);
+    unit(M::producer("Vexor(R) C, Version 7"));
+    m_module.openFunction("f", 0x1000, 0x100);
+    m_module.leaf(DW_TAG_inlined_subroutine, M::origin("a") + M::ranges(0)).close().endUnit();
+    EXPECT_THAT(below(0x1000), ElementsAre("a 0x2010-0x2020"));
+}
+
+class QuarteringMap : public SymMgrObject<IAddressMapping> {
+public:
+    QuarteringMap() : SymMgrObject<IAddressMapping>(nullptr) {}
+    status_t convert(unsigned long long& low, unsigned long long& high) override {
+        low /= 4;
+        high /= 4;
+        return status_Ok;
+    }
+    void addMapping(unsigned long long, unsigned long long) override {}
+};
+
+class QuarteredLoader : public DWARFDebugInfoLoader {
+public:
+    using DWARFDebugInfoLoader::DWARFDebugInfoLoader;
+    using DWARFDebugInfoLoader::setAddressMapping;
+};
+
+TEST_F(DwarfInlineTest, AnAddressMappingConvertsLowHighAndEachRange) {
+    m_module.pair(0x4100, 0x4140).pair(0x4180, 0x41c0).pair(0, 0);
+    unit();
+    m_module.openFunction("f", 0x4000, 0x400);
+    m_module.leaf(DW_TAG_inlined_subroutine, call("a", 0x4010, 0x20));
+    m_module.leaf(DW_TAG_inlined_subroutine, M::origin("b") + M::ranges(0)).close().endUnit();
+    const SymMgrObjectPtr<QuarteredLoader> loader =
+        new QuarteredLoader(m_module.format, "/module", &m_module.helper(), 0, nullptr);
+    loader->setAddressMapping(new QuarteringMap);
+    GlobalScope scope(m_module.format, loader, nullptr);
+    SymMgrObjectPtr<ISymbolRange> range;
+    ASSERT_EQ(scope.symbolRangeByAddress(range, 0x1000, symbol_kind_function, nullptr), status_Ok);
+    EXPECT_THAT(DwarfModule::listOf(*static_cast<DWARFSymbol*>(range->symbol())->scope()),
+                ElementsAre("a 0x1004-0x100c", "b 0x1040-0x1050", "b 0x1060-0x1070"));
 }
 
 TEST_F(DwarfInlineTest, AnExpansionWithoutCodeMakesNoObject) {

@@ -1,6 +1,7 @@
 #include "orn/source.h"
 #include "orn_dildwarf_lines.h"
 #include "support/dwarf_assembler.h"
+#include "support/dwarf_module.h"
 #include "support/dwarf_unit.h"
 #include "support/orn_fixture.h"
 
@@ -16,7 +17,9 @@ using orn_test::DwarfAssembler;
 using orn_test::DwarfLineOptions;
 using orn_test::DwarfUnitOptions;
 using test::DwarfUnits;
+using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::Gt;
 using ::testing::IsEmpty;
 
 /// One range as the resolver got it.
@@ -659,6 +662,120 @@ TEST_F(LineProgramTest, AddressesAreRelocatedOnceThoughUnitsShareAProgram) {
     ASSERT_EQ(m_resolver->ranges.size(), 2u);
     EXPECT_EQ(m_resolver->ranges[0].address, 0x1122334400001000u);
     EXPECT_EQ(m_resolver->ranges[1].address, 0x1122334400001000u);
+}
+
+TEST_F(LineProgramTest, PlacesAreAsWideAsTheUnitsAddresses) {
+    DwarfLineOptions lineOptions;
+    lineOptions.addressSize = 4;
+    begin(lineOptions).setAddress(0).special(0, 1).endSequence().endLines();
+    m_dwarf.abbreviation(1, DW_TAG_compile_unit, false, {{DW_AT_stmt_list, DW_FORM_sec_offset}});
+    m_dwarf.endAbbreviations();
+    DwarfUnitOptions options;
+    options.addressSize = 4;
+    m_dwarf.beginUnit(options).entry(1, {0}).endUnit();
+    DwarfUnits units(m_dwarf);
+    SymMgrObjectPtr<RelocationAddends> relocations = new RELARelocationAddends(0);
+    RelocationEntry entry;
+    entry.offset = m_dwarf.line().size() - 1 - 3 - 4;
+    entry.value = 0x1122334455667788;
+    relocations->add(entry);
+    units.helper().relocate(section_debug_line, relocations);
+    DWARFCompilationUnit& unit = units.unit(0, options);
+    unit.loadTopEntry();
+    m_resolver = new RecordingResolver;
+    unit.setLineResolver(m_resolver);
+    ASSERT_EQ(unit.loadLines(nullptr), status_Ok);
+    EXPECT_THAT(m_resolver->ranges, ElementsAre(Range{0x55667788, 0, 2}));
+}
+
+// Through the loader.
+
+class HeldLock : public ILock {
+public:
+    void lock() override { ++depth; }
+    void unlock() override { --depth; }
+    int depth = 0;
+};
+
+/// Two units; the program of the first one stands behind that of the second one.
+class LoadedLinesTest : public test::OrnTest {
+protected:
+    using M = test::DwarfModule;
+
+    LoadedLinesTest() {
+        const unsigned long long second = m_module.lineProgram({"second.c"}, 0x1000, 2);
+        const unsigned long long first = m_module.lineProgram({"first.c"}, 0x2000);
+        m_module.unit(M::lines(first)).endUnit();
+        m_module.unit(M::lines(second));
+        m_module.leaf(DW_TAG_subprogram, M::function("f", 0x1000, 0x20) + M::declared(1, 1)).endUnit();
+    }
+    LineResolver& resolver() { return static_cast<LineResolver&>(*m_module.scope().lineResolver()); }
+    SymMgrObjectPtr<IAddress> addressOf(unsigned long long value) {
+        m_module.scope(); // now the module has its segment
+        SymMgrObjectPtr<IAddress> address;
+        EXPECT_EQ(m_module.format->getAddress(address, value), status_Ok);
+        return address;
+    }
+    std::vector<unsigned> linesOfSymbol(IAddress* low, IAddress* high) {
+        SymMgrObjectPtr<IIterator<SymMgrObjectPtr<ISourceLine>>> lines;
+        m_module.symbolAt(0x1000)->sourceLines(lines, low, high);
+        std::vector<unsigned> numbers;
+        for (auto line = lines->current(); line; line = lines->next() ? lines->current() : nullptr)
+            numbers.push_back(line->location()->line());
+        return numbers;
+    }
+
+    HeldLock m_lock; ///< outlives the loader
+    test::DwarfModule m_module;
+};
+
+TEST_F(LoadedLinesTest, FilesAreNumberedInTheOrderOfTheUnits) {
+    SymMgrObjectPtr<ISourceLocation> location;
+    resolver().sourceLocationAt(location, 0x1000, 0, nullptr, nullptr);
+    ASSERT_EQ(resolver().fileCount(), 2u);
+    EXPECT_STREQ(resolver().fileAt(0)->name(), "first.c");
+    EXPECT_STREQ(resolver().fileAt(1)->name(), "second.c");
+}
+
+TEST_F(LoadedLinesTest, ASymbolRunsTheProgramOfItsUnitAlone) {
+    EXPECT_THAT(linesOfSymbol(nullptr, nullptr), ElementsAre(1, 2));
+    ASSERT_EQ(resolver().fileCount(), 1u);
+    EXPECT_STREQ(resolver().fileAt(0)->name(), "second.c");
+}
+
+TEST_F(LoadedLinesTest, ASymbolGivesItsLinesBetweenTheLimits) {
+    EXPECT_THAT(linesOfSymbol(addressOf(0x1010), nullptr), ElementsAre(2));
+    EXPECT_THAT(linesOfSymbol(nullptr, addressOf(0x1010)), ElementsAre(1));
+}
+
+TEST_F(LoadedLinesTest, AllProgramsRunUnderTheLoadingLock) {
+    m_module.loader().getLineResolver(&m_module.scope(), &m_lock);
+    std::vector<int> depths;
+    m_module.helper().isOutside = [&](unsigned long long) {
+        depths.push_back(m_lock.depth);
+        return false;
+    };
+    EXPECT_EQ(m_module.loader().loadLineTable(nullptr), status_Ok);
+    EXPECT_THAT(depths, Each(Gt(0)));
+    EXPECT_EQ(depths.size(), 3u);
+    EXPECT_EQ(m_lock.depth, 0);
+}
+
+TEST_F(LoadedLinesTest, ALocationHasAllThatItsRowSays) {
+    test::DwarfModule module;
+    module.dwarf.beginLines().endIncludeDirectories().file("a.c").file("b.c").endFiles();
+    module.dwarf.setAddress(0x1000).opULEB(DW_LNS_set_file, 2).opULEB(DW_LNS_set_column, 7);
+    module.dwarf.extended(DW_LNE_set_discriminator, {5}).opSLEB(DW_LNS_advance_line, 9).special(0, 0);
+    module.dwarf.special(4, 0).endSequence().endLines();
+    module.unit().endUnit().unit(M::lines(0)).endUnit();
+    SymMgrObjectPtr<ISourceLocation> location;
+    module.scope().lineResolver()->sourceLocationAt(location, 0x1003, 0, nullptr, nullptr);
+    ASSERT_TRUE(location);
+    EXPECT_STREQ(location->file()->name(), "b.c");
+    EXPECT_EQ(location->line(), 10u);
+    EXPECT_EQ(location->column(), 7u);
+    EXPECT_EQ(location->extra(), 5u);
+    EXPECT_EQ(location->symbolId(), module.dwarf.unitOffset(1));
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "orn_dildwarf_walk.h"
 #include "support/allocation.h"
 #include "support/dwarf_module.h"
+#include "support/fake_loader.h"
 #include "support/orn_fixture.h"
 
 #include <cstdlib>
@@ -45,6 +46,7 @@ TEST_F(DwarfLoaderTest, WithoutDebugInfoEveryLoadFailsAndOneIsLogged) {
     expectLog("Cannot read .debug_info section /module.debug");
     EXPECT_EQ(m_module.load(symbol_kind_function), status_NoDebugInfo);
     EXPECT_EQ(m_module.load(symbol_kind_variable), status_NoDebugInfo);
+    EXPECT_THAT(messages(warningLevel), SizeIs(1));
 }
 
 TEST_F(DwarfLoaderTest, ASectionWithoutBytesIsNoDebugInfo) {
@@ -60,6 +62,7 @@ TEST_F(DwarfLoaderTest, ASectionOfAnUnknownFormIsReportedAsSuch) {
     expectLog("Failed to read debug info");
     EXPECT_EQ(m_module.load(symbol_kind_function), status_UnsupportedDebugInfoFormat);
     EXPECT_EQ(m_module.load(symbol_kind_function), status_UnsupportedDebugInfoFormat);
+    EXPECT_THAT(messages(warningLevel), SizeIs(1));
 }
 
 TEST_F(DwarfLoaderTest, TheSkipSwitchKeepsUnitsAndDropsSymbols) {
@@ -135,6 +138,15 @@ TEST_F(DwarfLoaderTest, ATruncatedUnitIsABadFile) {
     EXPECT_EQ(m_module.loader().units().size(), 1u);
 }
 
+TEST_F(DwarfLoaderTest, AScanThatFoundNoUnitIsTriedAgain) {
+    DwarfUnitOptions five;
+    five.version = 5;
+    m_module.unit({}, five).endUnit();
+    expectLog("ASSERTION FAILED: 'version <= 4'", 2);
+    EXPECT_EQ(m_module.load(symbol_kind_function), status_UnsupportedFormatVersion);
+    EXPECT_EQ(m_module.load(symbol_kind_function), status_UnsupportedFormatVersion);
+}
+
 // --- Lines, units, resolver
 
 TEST_F(DwarfLoaderTest, LinesMayBeAskedForBeforeAnySymbol) {
@@ -201,6 +213,29 @@ TEST_F(DwarfLoaderTest, SaysItsPathAndType) {
     EXPECT_EQ(m_module.loader().getType(), 1u);
 }
 
+class OneSection : public MemoryHelper {
+public:
+    void getSectionByIndex(SymMgrObjectPtr<ISection>& out, unsigned index) override {
+        out = index == 7 ? section.get() : nullptr;
+    }
+    SymMgrObjectPtr<ISection> section = new FakeSection;
+};
+
+TEST_F(DwarfLoaderTest, SectionsAreThoseOfTheHelper) {
+    const SymMgrObjectPtr<OneSection> helper = new OneSection;
+    m_module.loaderHelper = helper.get();
+    SymMgrObjectPtr<ISection> section;
+    m_module.loader().getSectionByIndex(section, 7);
+    EXPECT_EQ(section.get(), helper->section.get());
+    m_module.loader().getSectionByIndex(section, 8);
+    EXPECT_FALSE(section);
+    const SymMgrObjectPtr<DWARFDebugInfoLoader> helperless =
+        new DWARFDebugInfoLoader(m_module.format, "/module", nullptr, 0, nullptr);
+    section = helper->section;
+    helperless->getSectionByIndex(section, 7);
+    EXPECT_FALSE(section);
+}
+
 // --- Functions
 
 TEST_F(DwarfLoaderTest, AFunctionHasItsRangeAndIsLocal) {
@@ -250,6 +285,19 @@ TEST_F(DwarfLoaderTest, SegmentsAreRelativeToTheImageBase) {
     m_module.leaf(DW_TAG_subprogram, M::function("f", 0x401000, 0x10));
     m_module.leaf(DW_TAG_subprogram, M::function("g", 0x1000, 0x10)).endUnit();
     EXPECT_THAT(functions(), ElementsAre("f 0x401000-0x401010"));
+}
+
+class UnfilledSegment : public SegmentsLoader {
+public:
+    UnfilledSegment() { addSegment(0x1000, ".bss", 0x1000, 0x400, 0x10, 0x100, 0); }
+};
+
+TEST_F(DwarfLoaderTest, SegmentsAreAsLargeAsInMemory) {
+    m_module.hasOwnSegments = true;
+    m_module.format = new UnfilledSegment;
+    m_module.unit().leaf(DW_TAG_subprogram, M::function("f", 0x1100, 1));
+    m_module.leaf(DW_TAG_subprogram, M::function("g", 0x1101, 1)).endUnit();
+    EXPECT_THAT(functions(), ElementsAre("f 0x1100-0x1101"));
 }
 
 TEST_F(DwarfLoaderTest, ADeclarationIsNoFunction) {

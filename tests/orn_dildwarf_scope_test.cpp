@@ -4,6 +4,7 @@
 #include "support/allocation.h"
 #include "support/dwarf_module.h"
 #include "support/orn_fixture.h"
+#include "support/recording_sink.h"
 
 #include <set>
 #include <string>
@@ -231,6 +232,51 @@ TEST_F(DwarfScopeTest, ReadsItsContentAtTheFirstQueryIntoItsOwnTable) {
     SymMgrObjectPtr<ISymbolRange> nested;
     EXPECT_EQ(scope->symbolRangeByAddress(nested, 0x1080, symbol_kind_function, nullptr), status_Ok);
     EXPECT_EQ(static_cast<DWARFSymbol*>(nested->symbol())->scope()->parent(), scope);
+}
+
+class HeldLock : public ILock {
+public:
+    void lock() override {
+        ++depth;
+        ++times;
+    }
+    void unlock() override { --depth; }
+    int depth = 0;
+    int times = 0;
+};
+
+TEST_F(DwarfScopeTest, ReadsItsContentUnderTheLoadingLock) {
+    m_module.unit().openFunction("f", 0x1000, 0x100);
+    m_module.leaf(DW_TAG_label, M::function("l", 0x1010, 0)).close().endUnit();
+    Scope* scope = m_module.scopeAt(0x1000);
+    ASSERT_NE(scope, nullptr);
+    HeldLock lock;
+    ILock* before = m_module.loader().loadLock();
+    m_module.loader().getLineResolver(&m_module.scope(), &lock);
+    EXPECT_EQ(scope->loadContent(symbol_kind_label), status_Ok);
+    EXPECT_GT(lock.times, 0);
+    EXPECT_EQ(lock.depth, 0);
+    m_module.loader().getLineResolver(&m_module.scope(), before);
+}
+
+/// Notes in which order scopes arrive.
+class ArrivalSink : public orn_test::RecordingSink {
+public:
+    int addScope(Scope* scope) override {
+        arrived.emplace_back(scope->symbol()->rawName());
+        return RecordingSink::addScope(scope);
+    }
+    std::vector<std::string> arrived;
+};
+
+TEST_F(DwarfScopeTest, ArrivesAfterWhatIsInside) {
+    m_module.unit({{DW_AT_language, DW_FORM_data1, DW_LANG_Fortran90}}).openFunction("outer", 0x1000, 0x100);
+    m_module.openFunction("middle", 0x1010, 0x80);
+    m_module.leaf(DW_TAG_subprogram, M::function("inner", 0x1020, 0x10)).close();
+    m_module.leaf(DW_TAG_subprogram, M::function("last", 0x10a0, 0x10)).close().endUnit();
+    const SymMgrObjectPtr<ArrivalSink> sink = new ArrivalSink;
+    EXPECT_EQ(m_module.loader().loadSymbols(sink, nullptr, symbol_kind_function, nullptr), status_Ok);
+    EXPECT_THAT(sink->arrived, ElementsAre("inner", "middle", "last", "outer"));
 }
 
 TEST_F(DwarfScopeTest, ReadsEachKindOnce) {

@@ -257,6 +257,13 @@ TEST_F(CompilationUnitTest, NoTextMergesNothing) {
     EXPECT_STREQ(unit.getCompileOptions(), "-c");
 }
 
+TEST_F(CompilationUnitTest, TheTopEntryIsNotReadAnewAndTheMergedOptionsStay) {
+    DWARFCompilationUnit& unit = build({{DW_AT_VEXOR_compile_options, DW_FORM_string}}, {"-c"});
+    unit.mergeCompileOptions("-g ");
+    unit.loadTopEntry();
+    EXPECT_STREQ(unit.getCompileOptions(), "-c -g ");
+}
+
 // Files.
 
 TEST_F(CompilationUnitTest, FileNumbersBeginAtOne) {
@@ -315,6 +322,15 @@ TEST_F(UnitFilesTest, TheMainFileIsTheFirstWhosePathEndsWithTheName) {
     EXPECT_EQ(file->modificationTime(), 3u);
     EXPECT_EQ(file->length(), 4u);
     EXPECT_EQ(m_unit->getSourceFile(), file);
+}
+
+TEST_F(UnitFilesTest, TheNameOfTheMainFileMayStandInItsPathTwice) {
+    m_dwarf.beginLines().endIncludeDirectories();
+    m_dwarf.file("/main.c/a.h").file("/main.c/main.c").endFiles().endLines();
+    build({{DW_AT_stmt_list, DW_FORM_sec_offset}, {DW_AT_name, DW_FORM_string}}, {0, "main.c"});
+    m_resolver = new LineResolver(nullptr, nullptr, nullptr, nullptr);
+    m_unit->setLineResolver(m_resolver);
+    EXPECT_STREQ(m_unit->getSourceFile()->name(), "/main.c/main.c");
 }
 
 TEST_F(UnitFilesTest, WithoutAMatchTheMainFileIsTheFirst) {

@@ -1,5 +1,6 @@
 // The line table: what it stores, what it answers and in which order.
 
+#include "support/allocation.h"
 #include "support/line_fakes.h"
 #include "support/orn_fixture.h"
 #include "support/reference_line_table.h"
@@ -226,6 +227,30 @@ TEST(SparseArray, KeepsWhatItHoldsWhenItGrows) {
     int count = 0;
     array.forEach([&count](int*) { ++count; });
     EXPECT_EQ(2, count);
+}
+
+TEST_F(LineTableTest, AnAllocationThatFailsReachesTheCallerAndLeavesTheTableUsable) {
+    if (!canFailAllocations())
+        GTEST_SKIP() << "the sanitizer keeps operator new";
+    int failures = 0;
+    for (unsigned long number = 1;; ++number) {
+        table = newTable();
+        bool happened = false;
+        {
+            const FailingAllocation failing(number);
+            try {
+                table->addLineRange(7, 1, 5, 0, 0x1000, 4, 1ULL << 40);
+            } catch (const std::bad_alloc&) {
+                ++failures;
+            }
+            happened = failing.happened();
+        }
+        if (!happened)
+            break;
+        add(6, 0x1000, 0x1004);
+        EXPECT_THAT(numbersOf(linesAt(0x1000)), ElementsAre(6)) << number;
+    }
+    EXPECT_GT(failures, 0);
 }
 
 // Queries for an address

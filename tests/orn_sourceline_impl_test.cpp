@@ -175,6 +175,7 @@ TEST_F(SourceLocationTest, AnExceptionOfTheResolverIsReportedAndGivesNoFile) {
     resolver->isBroken = true;
     expectLog("Unable to get source file 3: broken");
     EXPECT_EQ(nullptr, location->file());
+    EXPECT_EQ(1u, messages(errorLevel).size());
     const auto file = newFile();
     resolver->isBroken = false;
     resolver->file = file.get();
