@@ -314,6 +314,9 @@ TEST_F(DwarfInlineNameTest, TheOlderAttributeComesFirst) {
 
 TEST_F(DwarfInlineNameTest, AnEmptyLinkageNameFallsToTheName) {
     EXPECT_EQ(nameOf(M::named("d") + linkage("") + declaration()), "d");
+    const DwarfAttrs outsideTheTexts = {
+        {DW_AT_linkage_name, DW_FORM_strp, DwarfValue::raw({0xff, 0xff, 0, 0})}};
+    EXPECT_EQ(nameOf(M::named("d") + outsideTheTexts + declaration()), "d");
 }
 
 TEST_F(DwarfInlineNameTest, WithoutANameThereIsNoInstance) {

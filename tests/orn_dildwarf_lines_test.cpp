@@ -228,6 +228,16 @@ TEST_F(LineProgramTest, TheFilterIsAskedWithBiasedAddresses) {
     EXPECT_THAT(m_resolver->ranges, ElementsAre(Range{0x101010, 0x10, 3}));
 }
 
+TEST_F(LineProgramTest, TheFilterTakesARowWithoutSizeForAPoint) {
+    begin().setAddress(0x1010).special(0, 1).special(0, 1).special(1, 1).special(0, 1).endSequence();
+    m_dwarf.endLines();
+    build();
+    SymMgrObjectPtr<RangeFilter> filter = new RangeFilter;
+    filter->add(0x1010, 0x1011);
+    ASSERT_EQ(m_unit->loadLines(filter), status_Ok);
+    EXPECT_THAT(m_resolver->ranges, ElementsAre(Range{0x1010, 0, 2}, Range{0x1010, 1, 3}));
+}
+
 TEST_F(LineProgramTest, TheUnitIdIsTheUnitsOffset) {
     begin().setAddress(0x1000).special(0, 1).endSequence().endLines();
     m_dwarf.abbreviation(1, DW_TAG_compile_unit, false, {{DW_AT_stmt_list, DW_FORM_sec_offset}});
@@ -692,9 +702,10 @@ TEST_F(LineProgramTest, PlacesAreAsWideAsTheUnitsAddresses) {
 
 class HeldLock : public ILock {
 public:
-    void lock() override { ++depth; }
+    void lock() override { times += depth++ == 0; }
     void unlock() override { --depth; }
     int depth = 0;
+    int times = 0;
 };
 
 /// Two units; the program of the first one stands behind that of the second one.
@@ -759,6 +770,7 @@ TEST_F(LoadedLinesTest, AllProgramsRunUnderTheLoadingLock) {
     EXPECT_THAT(depths, Each(Gt(0)));
     EXPECT_EQ(depths.size(), 3u);
     EXPECT_EQ(m_lock.depth, 0);
+    EXPECT_EQ(m_lock.times, 1) << "nobody sees the status in between";
 }
 
 TEST_F(LoadedLinesTest, ALocationHasAllThatItsRowSays) {

@@ -86,7 +86,7 @@ public:
     unsigned long long readTable() {
         bool firstCodeSeen = false;
         while (const unsigned long long code = m_walker.readULEB()) {
-            // A table without its final zero runs on into the next one, which begins with code 1 again.
+            // Quirk: a second code 1 ends the table: without a final zero it runs on into the next table.
             if (code == 1 && firstCodeSeen)
                 break;
             firstCodeSeen |= code == 1;

@@ -10,6 +10,7 @@
 #include "orn_filename.h"
 #include "orn_log.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -239,7 +240,9 @@ void DWARFLineProgram::addRange(const Row& row, unsigned long long size) {
     if (!m_helper.isCodeOrDataAddress(row.address))
         return;
     const unsigned long long address = row.address + m_unit.getLoadBias();
-    if (m_ranges && !m_ranges->overlaps(address, address + size))
+    // For the filter a row without size is a point, not nothing.
+    const unsigned long long length = std::max(size, 1ULL);
+    if (m_ranges && !m_ranges->overlaps(address, length > ~0ULL - address ? ~0ULL : address + length))
         return;
     if (row.file > 0xffffffffULL)
         return;

@@ -85,7 +85,7 @@ public:
     bool hasStmtList() const { return m_hasStmtList; }
     unsigned long long getStmtList() const { return m_stmtList; }
     bool isFortran() const { return m_language == language_Fortran; }
-    /// Whether DW_AT_sibling may be followed in this unit.
+    /// Whether DW_AT_sibling may be followed in this unit. Quirk: known compilers only, without GNU 2.96.
     bool trustsSiblings() const {
         return m_compilerKind != compiler_Unknown && m_compilerKind != compiler_Gnu296;
     }
