@@ -23,6 +23,7 @@ public:
 
 struct Peer {
     static constexpr unsigned fewLookups = 8;
+    static constexpr unsigned long long everyUnit = 0;
 
     SymMgrObjectPtr<ISymbolManager> manager;
     SymMgrObjectPtr<IModuleSymbolBank> bank;
@@ -61,15 +62,21 @@ struct Peer {
     /// The lines of the unit that owns the function, or of all units where that has none at the address. Who
     /// goes on asking will need most units: to read all at once is cheaper then.
     LocationPtr locationAt(IAddress& address) {
+        if (lookups++ == fewLookups)
+            locationAt(address, everyUnit);
         ICompUnitDetails* unit = nullptr;
-        if (chain.front() && lookups++ < fewLookups)
+        if (chain.front())
             (void)chain.front()->symbol()->compUnitDetails(unit);
         LocationPtr location;
-        ISourceLocationSelector* selector = &innermost;
         if (unit)
-            (void)bank->sourceLocationByAddress(&address, location, unit->getOffset(), selector);
-        if (!location)
-            (void)bank->sourceLocationByAddress(&address, location, 0, selector);
+            location = locationAt(address, unit->getOffset());
+        return location ? location : locationAt(address, everyUnit);
+    }
+
+    LocationPtr locationAt(IAddress& address, unsigned long long unitId) {
+        LocationPtr location;
+        ISourceLocationSelector* selector = &innermost;
+        (void)bank->sourceLocationByAddress(&address, location, unitId, selector);
         return location;
     }
 

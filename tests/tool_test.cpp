@@ -236,13 +236,14 @@ TEST_F(Tool, JsonHasEveryKeyInItsPlace) {
     const json answer = json::parse(line);
     const std::string end = answer["symbol"]["end"];
     EXPECT_GT(std::stoull(end, nullptr, 16), address);
-    EXPECT_EQ(line, "{\"module\":\"" + s_program + "\",\"address\":\"" + hexOf(address) + "\",\"rva\":\"" +
-                        hexOf(address - loadAddress) +
-                        "\",\"symbol\":{\"name\":\"main\",\"raw\":\"main\",\"kind\":\"function\","
-                        "\"visibility\":\"global\",\"begin\":\"" +
-                        hexOf(address) + "\",\"end\":\"" + end +
-                        "\",\"thunk\":false},\"frames\":[{\"function\":\"main\",\"file\":null,\"line\":null,"
-                        "\"column\":null,\"inlined\":false}]}\n");
+    EXPECT_EQ(line,
+              "{\"module\":\"" + s_program + "\",\"address\":\"" + hexOf(address) + "\",\"rva\":\"" +
+                  hexOf(address - loadAddress) +
+                  "\",\"symbol\":{\"name\":\"main\",\"raw\":\"main\",\"kind\":\"function\","
+                  "\"visibility\":\"global\",\"begin\":\"" +
+                  hexOf(address) + "\",\"end\":\"" + end +
+                  "\",\"thunk\":false},\"frames\":[{\"function\":\"main\",\"raw\":\"main\",\"file\":null,"
+                  "\"line\":null,\"column\":null,\"inlined\":false}]}\n");
 }
 
 TEST_F(Tool, JsonHasRawAndDemangledName) {
@@ -250,6 +251,7 @@ TEST_F(Tool, JsonHasRawAndDemangledName) {
     EXPECT_EQ(answer["symbol"]["raw"], "_ZN3foo6largerIiEET_S1_S1_");
     EXPECT_EQ(answer["symbol"]["name"], "int foo::larger<int>(int, int)");
     EXPECT_EQ(answer["frames"][0]["function"], "int foo::larger<int>(int, int)");
+    EXPECT_EQ(answer["frames"][0]["raw"], "_ZN3foo6largerIiEET_S1_S1_");
 }
 
 TEST_F(Tool, AddressesGoWithAndWithoutPrefixInEitherCase) {

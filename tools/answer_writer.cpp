@@ -101,7 +101,7 @@ void JsonAnswerWriter::putSymbol(const Answer& answer) {
 }
 
 void JsonAnswerWriter::putFrame(const Frame& frame) {
-    m_json.beginObject().key("function").string(frame.function);
+    m_json.beginObject().key("function").string(frame.function).key("raw").string(frame.raw);
     m_json.key("file").stringOrNull(frame.file);
     m_json.key("line").number(frame.line);
     m_json.key("column").number(frame.column);

@@ -51,8 +51,14 @@ public:
 /// Unit id of a question to all units.
 constexpr unsigned long long everyUnit = 0;
 
-const char* functionName(ISymbol* symbol) {
-    return symbol ? symbol->demangledName(0) : "??";
+Frame frameOf(ISymbol* symbol, bool isInlined) {
+    constexpr const char* unknown = "??";
+    return {symbol ? symbol->demangledName(0) : unknown,
+            symbol ? symbol->rawName() : unknown,
+            isInlined,
+            nullptr,
+            {},
+            {}};
 }
 
 } // namespace
@@ -136,7 +142,7 @@ void Symbolizer::fillSymbol() {
 }
 
 void Symbolizer::fillFrames(IAddress& address) {
-    m_answer.frames.push_back({functionName(m_answer.symbol), false, nullptr, {}, {}});
+    m_answer.frames.push_back(frameOf(m_answer.symbol, false));
     while (true) {
         RangePtr nested;
         m_chain.back()->nestedRangeByAddress(nested, &address);
@@ -144,20 +150,26 @@ void Symbolizer::fillFrames(IAddress& address) {
             break;
         m_chain.push_back(nested);
         if (IInlineInstance* instance = nested->inlineInstance())
-            m_answer.frames.push_back({functionName(instance->symbol()), true, nullptr, {}, {}});
+            m_answer.frames.push_back(frameOf(instance->symbol(), true));
     }
     std::reverse(m_answer.frames.begin(), m_answer.frames.end());
 }
 
-/// The lines of the unit that owns the symbol answer nearly every question, and spare the reading of all
-/// others. Who goes on asking will need most of them: to read all at once is cheaper then.
+/// The unit that owns the symbol is asked first: where linkers keep rows of several units for one function,
+/// its own belong to the names that are told. That also spares the first questions the reading of all other
+/// units. Who goes on asking will need most of them: to read all at once is cheaper then.
 SymMgrObjectPtr<ISourceLocation> Symbolizer::locationOf(IAddress& address) {
     constexpr unsigned fewQuestions = 8;
+    SymMgrObjectPtr<ISourceLocation> ofAll;
+    if (m_questions++ == fewQuestions)
+        ofAll = locationOf(address, everyUnit);
     SymMgrObjectPtr<ISourceLocation> location;
     ICompUnitDetails* unit = nullptr;
-    if (m_questions++ < fewQuestions && !isFailure(m_answer.symbol->compUnitDetails(unit)) && unit)
+    if (!isFailure(m_answer.symbol->compUnitDetails(unit)) && unit)
         location = locationOf(address, unit->getOffset());
-    return location ? location : locationOf(address, everyUnit);
+    if (location)
+        return location;
+    return ofAll ? ofAll : locationOf(address, everyUnit);
 }
 
 SymMgrObjectPtr<ISourceLocation> Symbolizer::locationOf(IAddress& address, unsigned long long unitId) {

@@ -17,7 +17,8 @@ enum class AddressSpace { Pseudo, Rva, FileOffset };
 
 /// One level of the chain of calls that were expanded into each other. Texts are borrowed from the module.
 struct Frame {
-    const char* function;
+    const char* function; ///< demangled
+    const char* raw;
     bool isInlined;
     const char* file; ///< null if it is not known
     std::optional<unsigned> line;
