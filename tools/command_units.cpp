@@ -74,7 +74,7 @@ std::string versionOf(ICompUnitDetails& unit) {
 
 /// A text that the library has no version from may hold one for the reader's eye.
 std::string versionCell(ICompUnitDetails& unit) {
-    const std::string version = versionOf(unit);
+    std::string version = versionOf(unit);
     if (!version.empty())
         return version;
     return known(unit.getCompilerName()) ? "see compiler" : "-";
